@@ -1,0 +1,285 @@
+# How libraries, commands, tests, benchmarks and fuzz targets are declared here. Each function
+# takes file names relative to the folder that calls it; lists are written out, and the test
+# `listed_files` fails when a file of the tree is in none.
+
+include(CheckPIESupported)
+include(CMakePackageConfigHelpers)
+include(GNUInstallDirs)
+include(GoogleTest)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+check_pie_supported(LANGUAGES CXX)
+
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+# Relative, so that a build tree can be moved and no path of the builder is in a binary.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+find_program(HOUSE_CCACHE ccache)
+if(HOUSE_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${HOUSE_CCACHE})
+endif()
+
+# Sanitizers come in through CMAKE_CXX_FLAGS, because everything linked together must agree.
+set(HOUSE_SANITIZED OFF)
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
+  set(HOUSE_SANITIZED ON)
+endif()
+
+set(HOUSE_WARNINGS
+    -Wall -Wextra -Wpedantic -Wimplicit-fallthrough -Wnon-virtual-dtor -Woverloaded-virtual
+    -Wundef -Wvla)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND HOUSE_WARNINGS -Wshadow=local -Wsuggest-override)
+  if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # Fires inside std::string's own operator+ when it is inlined.
+    list(APPEND HOUSE_WARNINGS -Wno-restrict)
+  endif()
+else()
+  list(APPEND HOUSE_WARNINGS -Wshadow -Winconsistent-missing-override)
+endif()
+
+set_property(GLOBAL PROPERTY HOUSE_LIBRARIES "")
+set_property(GLOBAL PROPERTY HOUSE_HEADERS "")
+
+function(house_flags target)
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  target_compile_options(${target} PRIVATE ${HOUSE_WARNINGS}
+                         -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  set_target_properties(${target} PROPERTIES
+                        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
+# Writes the list of what a library shows. Visibility attributes decide within the library's
+# own namespaces; the list adds that weak copies of standard-library functions stay inside, so
+# that a program never binds to the copy that one of our libraries happens to carry.
+function(house_version_script output namespaces sources)
+  set(shown "")
+  foreach(namespace IN LISTS namespaces)
+    string(LENGTH ${namespace} length)
+    set(scope ${length}${namespace})
+    # Functions, objects, type information, tables, thunks, guards and function-local objects.
+    string(APPEND shown "    _ZN${scope}*; _ZNK${scope}*; _ZNO${scope}*; _ZNR${scope}*; _ZNKR${scope}*;\n"
+                        "    _ZT?N${scope}*; _ZTh*_N*${scope}*; _ZTv*_N*${scope}*; _ZTc*_N*${scope}*;\n"
+                        "    _ZGVN${scope}*; _ZGVZN*${scope}*; _ZZN${scope}*; _ZZNK${scope}*;\n")
+  endforeach()
+  string(REPEAT "[0-9a-f]" 16 digest)
+  foreach(source IN LISTS sources)
+    cmake_path(GET source STEM module)
+    string(APPEND shown "    ${module}_${digest};\n")
+  endforeach()
+  file(CONFIGURE OUTPUT ${output} @ONLY CONTENT "{\n  global:\n@shown@  local: *;\n};\n")
+endfunction()
+
+# house_library(Kop [STATIC] SOURCES a.cpp ... HEADERS a.h ... [DEPENDS Lib ...]
+#               [PRIVATE_DEPENDS target ...] [NAMESPACES Kop ...]
+#               [ALIAS Kop::Kop] [OUTPUT_NAME Kop])
+#
+# A shared library with ABI number 0 whose include root is the source tree's root. Without
+# SOURCES it is header-only. DEPENDS names libraries of ours, other targets also by full name.
+# NAMESPACES are what it shows besides its own: by default Kop, for the templates that it
+# instantiates over its own types. Objects are linked in the order of SOURCES.
+function(house_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "STATIC" "ALIAS;OUTPUT_NAME"
+                        "SOURCES;HEADERS;DEPENDS;PRIVATE_DEPENDS;NAMESPACES")
+  if(arg_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "house_library(${name}): unknown ${arg_UNPARSED_ARGUMENTS}")
+  endif()
+  if(NOT arg_ALIAS)
+    set(arg_ALIAS ${name}::${name})
+  endif()
+  if(NOT arg_OUTPUT_NAME)
+    set(arg_OUTPUT_NAME ${name})
+  endif()
+  if(NOT arg_NAMESPACES)
+    set(arg_NAMESPACES ${name} Kop)
+    list(REMOVE_DUPLICATES arg_NAMESPACES)
+  endif()
+
+  set(scope PUBLIC)
+  if(NOT arg_SOURCES)
+    set(scope INTERFACE)
+    add_library(${name} INTERFACE)
+  elseif(arg_STATIC)
+    add_library(${name} STATIC ${arg_SOURCES})
+  else()
+    add_library(${name} SHARED ${arg_SOURCES})
+  endif()
+  add_library(${arg_ALIAS} ALIAS ${name})
+  string(REGEX MATCH "^(.*)::([^:]+)$" matched ${arg_ALIAS})
+  set(package ${CMAKE_MATCH_1})
+  set_target_properties(${name} PROPERTIES EXPORT_NAME ${CMAKE_MATCH_2})
+
+  target_compile_features(${name} ${scope} cxx_std_20)
+  target_sources(${name} ${scope} FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}
+                 FILES ${arg_HEADERS})
+  target_include_directories(${name} ${scope} $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_link_libraries(${name} ${scope} ${arg_DEPENDS})
+
+  if(arg_SOURCES)
+    house_flags(${name})
+    target_link_libraries(${name} PRIVATE ${arg_PRIVATE_DEPENDS})
+    # Static initialisers run in link order and register modules: nothing may merge or
+    # reorder the objects.
+    set_target_properties(${name} PROPERTIES OUTPUT_NAME ${arg_OUTPUT_NAME}
+                          INTERPROCEDURAL_OPTIMIZATION OFF UNITY_BUILD OFF)
+  endif()
+  if(arg_SOURCES AND NOT arg_STATIC)
+    set_target_properties(${name} PROPERTIES SOVERSION 0 INSTALL_RPATH $ORIGIN)
+    # A registered descriptor must outlive dlclose.
+    target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    endif()
+    if(NOT HOUSE_SANITIZED)
+      # A sanitizer's runtime is in the executable, so its symbols are undefined here.
+      set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
+      house_version_script(${script} "${arg_NAMESPACES}" "${arg_SOURCES}")
+      target_link_options(${name} PRIVATE -Wl,-z,defs -Wl,--version-script=${script})
+      set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
+    endif()
+  endif()
+
+  if(NOT arg_STATIC)
+    install(TARGETS ${name} EXPORT ${name}Targets FILE_SET HEADERS
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT ${name}Targets NAMESPACE ${package}::
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+    set_property(GLOBAL APPEND PROPERTY HOUSE_LIBRARIES ${name})
+  endif()
+  foreach(header IN LISTS arg_HEADERS)
+    cmake_path(ABSOLUTE_PATH header)
+    cmake_path(RELATIVE_PATH header BASE_DIRECTORY ${PROJECT_SOURCE_DIR})
+    set_property(GLOBAL APPEND PROPERTY HOUSE_HEADERS ${header})
+  endforeach()
+endfunction()
+
+# house_app(hiveld SOURCES main.cpp DEPENDS Hivel): a command, put into bin/.
+function(house_app name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+  add_executable(${name} ${arg_SOURCES})
+  house_flags(${name})
+  target_link_libraries(${name} PRIVATE ${arg_DEPENDS})
+  set_target_properties(${name} PROPERTIES
+                        INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS ${name})
+endfunction()
+
+# house_test(Kop SOURCES FooTest.cpp ... [DEPENDS target ...] [RUNS command ...])
+#
+# One test program `kop_tests` for one library. RUNS names commands of ours that the tests
+# start; they are built first. The tests see HOUSE_BIN_DIR, where commands and type libraries'
+# neighbours are, and HOUSE_SOURCE_DIR. A suite with `Threads` in its name gets the CTest label
+# `threads` and runs under the thread sanitizer as well.
+function(house_test library)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;RUNS")
+  string(TOLOWER ${library} lower)
+  set(name ${lower}_tests)
+  add_executable(${name} ${arg_SOURCES})
+  house_flags(${name})
+  target_link_libraries(${name} PRIVATE ${library} ${arg_DEPENDS} GTest::gmock
+                        GTest::gtest GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_definitions(${name} PRIVATE
+                             HOUSE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
+                             HOUSE_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}"
+                             HOUSE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  set_target_properties(${name} PROPERTIES
+                        RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
+  if(arg_RUNS)
+    add_dependencies(${name} ${arg_RUNS})
+  endif()
+  gtest_discover_tests(${name} TEST_PREFIX ${library}. DISCOVERY_MODE PRE_TEST
+                       DISCOVERY_TIMEOUT 60 TEST_FILTER "-*Threads*.*"
+                       PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} TEST_PREFIX ${library}. DISCOVERY_MODE PRE_TEST
+                       DISCOVERY_TIMEOUT 60 TEST_FILTER "*Threads*.*"
+                       PROPERTIES TIMEOUT 120 LABELS threads)
+endfunction()
+
+# house_bench(Kop SOURCES FooBench.cpp ... [DEPENDS target ...])
+#
+# One benchmark program `kop_bench` for one library, put into bench/. CTest runs every
+# benchmark of it for one iteration, so that none rots.
+function(house_bench library)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+  string(TOLOWER ${library} lower)
+  set(name ${lower}_bench)
+  add_executable(${name} ${arg_SOURCES})
+  house_flags(${name})
+  target_link_libraries(${name} PRIVATE ${library} ${arg_DEPENDS} benchmark::benchmark
+                        benchmark::benchmark_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  set_target_properties(${name} PROPERTIES
+                        RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
+  if(HOUSE_TESTS)
+    add_test(NAME bench.${library} COMMAND ${name} --benchmark_min_time=1e-9)
+    set_tests_properties(bench.${library} PROPERTIES LABELS bench TIMEOUT 300)
+  endif()
+endfunction()
+
+# house_fuzzer(kop_text SOURCES KopText.cpp DEPENDS Kop)
+#
+# One libFuzzer target with its stored inputs in fuzz/corpus/<name>. CTest runs it for a
+# bounded time; inputs it finds and inputs it dies of go to the build tree, never to the corpus.
+function(house_fuzzer name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+  set(corpus ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
+  if(NOT IS_DIRECTORY ${corpus})
+    message(FATAL_ERROR "house_fuzzer(${name}): no inputs in ${corpus}")
+  endif()
+  set(target fuzz_${name})
+  add_executable(${target} ${arg_SOURCES})
+  house_flags(${target})
+  target_link_libraries(${target} PRIVATE ${arg_DEPENDS})
+  target_link_options(${target} PRIVATE -fsanitize=fuzzer)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  set_target_properties(${target} PROPERTIES
+                        RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/fuzz)
+  set(found ${CMAKE_CURRENT_BINARY_DIR}/found/${name})
+  file(MAKE_DIRECTORY ${found})
+  # The first directory is the one that is written to.
+  add_test(NAME fuzz.${name}
+           COMMAND ${target} -runs=20000 -max_total_time=5 -timeout=10 -rss_limit_mb=2048
+                   -artifact_prefix=${found}- ${found} ${corpus})
+  set_tests_properties(fuzz.${name} PROPERTIES LABELS fuzz TIMEOUT 120)
+endfunction()
+
+# The target `headers_alone` compiles each public header by itself, twice in a row.
+function(house_headers_alone)
+  get_property(headers GLOBAL PROPERTY HOUSE_HEADERS)
+  get_property(libraries GLOBAL PROPERTY HOUSE_LIBRARIES)
+  set(sources "")
+  foreach(header IN LISTS headers)
+    set(source ${PROJECT_BINARY_DIR}/headers_alone/${header}.cpp)
+    file(CONFIGURE OUTPUT ${source}
+         CONTENT "#include \"@header@\"\n#include \"@header@\"\n")
+    list(APPEND sources ${source})
+  endforeach()
+  if(sources)
+    add_library(headers_alone OBJECT EXCLUDE_FROM_ALL ${sources})
+    house_flags(headers_alone)
+    target_include_directories(headers_alone PRIVATE ${PROJECT_SOURCE_DIR})
+    target_link_libraries(headers_alone PRIVATE ${libraries})
+  endif()
+endfunction()
+
+# find_package(TunnelHivelTypes) brings every library with its own namespace.
+function(house_install_package)
+  get_property(libraries GLOBAL PROPERTY HOUSE_LIBRARIES)
+  set(includes "")
+  foreach(library IN LISTS libraries)
+    string(APPEND includes
+           "include(\${CMAKE_CURRENT_LIST_DIR}/${library}Targets.cmake)\n")
+  endforeach()
+  set(config ${PROJECT_BINARY_DIR}/package/${PROJECT_NAME}Config.cmake)
+  file(CONFIGURE OUTPUT ${config} CONTENT "@includes@" @ONLY)
+  set(version ${PROJECT_BINARY_DIR}/package/${PROJECT_NAME}ConfigVersion.cmake)
+  write_basic_package_version_file(${version} COMPATIBILITY SameMinorVersion)
+  install(FILES ${config} ${version}
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+endfunction()
