@@ -43,6 +43,10 @@ else()
   list(APPEND HOUSE_WARNINGS -Wshadow -Winconsistent-missing-override)
 endif()
 
+# What a user runs: commands and the type libraries that they load by name.
+add_custom_target(commands)
+add_custom_target(benchmarks)
+
 set_property(GLOBAL PROPERTY HOUSE_LIBRARIES "")
 set_property(GLOBAL PROPERTY HOUSE_HEADERS "")
 
@@ -150,6 +154,7 @@ function(house_library name)
     install(EXPORT ${name}Targets NAMESPACE ${package}::
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
     set_property(GLOBAL APPEND PROPERTY HOUSE_LIBRARIES ${name})
+    add_dependencies(commands ${name})
   endif()
   foreach(header IN LISTS arg_HEADERS)
     cmake_path(ABSOLUTE_PATH header)
@@ -167,6 +172,7 @@ function(house_app name)
   set_target_properties(${name} PROPERTIES
                         INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
   install(TARGETS ${name})
+  add_dependencies(commands ${name})
 endfunction()
 
 # house_test(Kop SOURCES FooTest.cpp ... [DEPENDS target ...] [RUNS command ...])
@@ -216,6 +222,7 @@ function(house_bench library)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   set_target_properties(${name} PROPERTIES
                         RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
+  add_dependencies(benchmarks ${name})
   if(HOUSE_TESTS)
     add_test(NAME bench.${library} COMMAND ${name} --benchmark_min_time=1e-9)
     set_tests_properties(bench.${library} PROPERTIES LABELS bench TIMEOUT 300)
