@@ -134,8 +134,10 @@ function(house_library name)
   endif()
   if(arg_SOURCES AND NOT arg_STATIC)
     set_target_properties(${name} PROPERTIES SOVERSION 0 INSTALL_RPATH $ORIGIN)
-    # A registered descriptor must outlive dlclose.
-    target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+    # A registered descriptor must outlive dlclose. Registration happens at load, so whoever
+    # links the library must load it even when it names no symbol of it; some compilers drop
+    # such a library by default.
+    target_link_options(${name} PRIVATE -Wl,-z,nodelete INTERFACE -Wl,--no-as-needed)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
       target_compile_options(${name} PRIVATE -fno-semantic-interposition)
     endif()
