@@ -177,6 +177,22 @@ function(house_app name)
   add_dependencies(commands ${name})
 endfunction()
 
+# house_example(name SOURCES name.cpp DEPENDS Tunnel): a program for readers, put into
+# examples/. CTest runs it; it must end with status 0.
+function(house_example name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+  set(target example_${name})
+  add_executable(${target} ${arg_SOURCES})
+  house_flags(${target})
+  target_link_libraries(${target} PRIVATE ${arg_DEPENDS})
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name}
+                        RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/examples)
+  if(HOUSE_TESTS)
+    add_test(NAME example.${name} COMMAND ${target})
+    set_tests_properties(example.${name} PROPERTIES TIMEOUT 60)
+  endif()
+endfunction()
+
 # house_test(Kop SOURCES FooTest.cpp ... [DEPENDS target ...] [RUNS command ...])
 #
 # One test program `kop_tests` for one library. RUNS names commands of ours that the tests
