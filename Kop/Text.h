@@ -183,7 +183,7 @@ consteval std::string_view nameOf() {
 namespace Kop {
 
 // A type's qualified name, taken from the compiler: both spell a class and an enumeration
-// alike, but not the built-in types.
+// alike, but not the built-in types, pointers and templates.
 template <class T>
 consteval std::string_view typeName() {
   if constexpr (std::same_as<T, U8>)
@@ -194,6 +194,10 @@ consteval std::string_view typeName() {
     return "U32";
   else if constexpr (std::same_as<T, U64>)
     return "U64";
+  else if constexpr (std::same_as<T, VoidPtr>)
+    return "Kop::VoidPtr";
+  else if constexpr (std::same_as<T, VoidPtrConst>)
+    return "Kop::VoidPtrConst";
   else
     return KopSpelling::nameOf<T>();
 }
