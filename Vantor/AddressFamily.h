@@ -1,0 +1,11 @@
+#pragma once
+
+#include "Kop/Types.h"
+#include "Vantor/Export.h"
+
+namespace Vantor {
+
+// Which kind of address stands in an IpGenAddr. Numbers are wire format: append only.
+enum VANTOR_EXPORT AddressFamily : U32 { noAddressFamily = 0, ipv4 = 1, ipv6 = 2 };
+
+}  // namespace Vantor
