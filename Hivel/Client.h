@@ -35,12 +35,6 @@ class Client;
 
 using std::chrono::milliseconds;
 
-enum class Mode : U8 {
-  read,     // a replica, made by the client
-  replace,  // writes; this entity is the truth, the server's is made equal to it
-  adopt,    // writes; first takes over what the server has, if anything
-};
-
 struct MountOptions {
   // Writing: the entity; may be null with `adopt` when `type` is given or the path exists.
   // Reading: an entity to fill, or null to have it made.

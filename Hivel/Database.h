@@ -24,6 +24,13 @@ KOP_EXPORT void checkPath(std::string_view path);
 KOP_EXPORT void checkPrefix(std::string_view prefix);  // empty is allowed
 KOP_EXPORT bool isCovered(std::string_view path, std::string_view prefix);
 
+// How a client mounts a path.
+enum class Mode : U8 {
+  read,     // a replica, made by the client
+  replace,  // writes; its entity is the truth, the server's is made equal to it
+  adopt,    // writes; first takes over what the server has, if anything
+};
+
 // One path of a list: what is there, not the entity itself.
 struct PathInfo {
   std::string path;
