@@ -312,6 +312,9 @@ constexpr bool numberIsOwn(U32 number, U32 first) {
     ~KOP_PASTE_(KopReaction_, name)() = default;                      \
   };                                                                  \
   static KOP_PASTE_(KopReaction_, name) kopReaction(Kop::Number<N>);  \
+  static T kopDefault(Kop::Number<N>) {                               \
+    return T{__VA_ARGS__};                                            \
+  }                                                                   \
   KOP_ROW_(N, (Kop::Attr<KopSelf, T>), {#name, N, &KopSelf::name##_}) \
  private:                                                             \
   T name##_ {                                                         \

@@ -76,10 +76,7 @@ class KOP_EXPORT Entity : public PtrInterface {
   }
 
  private:
-  template <class T, U32 N, class K, class V>
-  friend struct CollOps;
-  template <class T>
-  friend struct EntityOps;
+  friend struct EntityAccess;
   friend class EntitySa;
   [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
   void identityIs(U64 identity) { identity_ = identity; }
@@ -107,6 +104,7 @@ struct EntityLevel<first, Base> : Level<first, Base> {
 // anything moves.
 template <class T, U32 N, class K, class V>
 struct KOP_EXPORT CollOps {
+  using ValueType = V;
   static V get(const T& entity, const K& key);  // the default when absent
   static void set(T& entity, const K& key, const V& value);
   static V childIs(T& entity, const K& key);  // the child, made when absent
@@ -120,7 +118,34 @@ struct KOP_EXPORT CollOps {
 template <class T>
 struct KOP_EXPORT EntityOps {
   static Ptr<T> make(const String& name);  // notification-active from birth
+  static FwkType type();
   static const EntityTable table;
+
+  // For the instantiating source.
+  template <class K>
+  static T* construct(const K& key);
+  static String nameOf(const typename T::KopKey& key);
+  static void keyIs(T& entity, const typename T::KopKey& key);
+  static void destroy(T& entity);
+};
+
+// What the bodies of the protocol need of any entity.
+struct EntityAccess {
+  static void notify(Entity& entity, AttributeId attribute) {
+    entity.kopNotify(attribute);
+  }
+  static void notify(Entity& entity, AttributeId attribute, const void* key) {
+    entity.kopNotify(attribute, key);
+  }
+  static void writable(const Entity& entity) { entity.kopWritable(); }
+  static void notifieesDelAll(Entity& entity) { entity.notifiees_.deleteAll(); }
+  [[noreturn]] KOP_EXPORT static void throwTrailing(const NboAttrLog::In& in);
+};
+
+// Names one attribute of one type to the runtime.
+struct KopAttr {
+  FwkType type;
+  AttributeId attribute;
 };
 
 // Which numbers of T's own level are rows.

@@ -164,6 +164,25 @@ struct ArgumentOps<std::tuple<A...>> {
   static constexpr std::array<const TypeOps*, sizeof...(A)> ops{&TypeOpsOf<A>::ops...};
 };
 
+template <class T>
+concept EntityClass = requires {
+  T::kopKind;
+}
+&&T::kopKind == Kind::entity;
+
+// One row of an entity, in EntityImpl.h.
+template <class D, U32 N>
+struct EntityRow;
+
+// An untyped object as its type: values are given as themselves, entities as their base.
+template <class T, class E = Entity>
+T* selfOf(void* self) {
+  if constexpr (EntityClass<T>)
+    return static_cast<T*>(static_cast<E*>(self));
+  else
+    return static_cast<T*>(self);
+}
+
 // T is the type asked, D the base or itself that holds the row of number N.
 template <class T, class D, U32 N, bool redefined>
 struct RowOps {
@@ -176,7 +195,7 @@ struct RowOps {
   using Row = decltype(row());
 
   static const void* attributeAt(const void* self) {
-    return &(static_cast<const T*>(self)->*(row().member));
+    return &(selfOf<T>(const_cast<void*>(self))->*(row().member));
   }
   static const void* constantAt(const void*) { return row().value; }
   static void call(void* self, const void* const* arguments, void* result) {
@@ -188,7 +207,7 @@ struct RowOps {
           return row().function(
               *static_cast<const std::tuple_element_t<I, Arguments>*>(arguments[I])...);
         else
-          return (static_cast<T*>(self)->*(row().function))(
+          return (selfOf<T>(self)->*(row().function))(
               *static_cast<const std::tuple_element_t<I, Arguments>*>(arguments[I])...);
       };
       if constexpr (std::is_void_v<typename S::Result>)
@@ -201,23 +220,27 @@ struct RowOps {
     (std::make_index_sequence<std::tuple_size_v<Arguments>>{});
   }
   static constexpr MemberOps make() {
-    MemberOps ops;
+    MemberOps made;
     if constexpr (FunctionRow<Row>) {
       using S = Signature<typename Row::Type>;
       if constexpr (!std::is_void_v<typename S::Result>)
-        ops.type = &TypeOpsOf<std::remove_cvref_t<typename S::Result>>::ops;
-      ops.arguments = ArgumentOps<typename S::Arguments>::ops;
-      ops.call = call;
-      ops.isStatic = S::isStatic;
-      ops.changes = S::changes;
+        made.type = &TypeOpsOf<std::remove_cvref_t<typename S::Result>>::ops;
+      made.arguments = ArgumentOps<typename S::Arguments>::ops;
+      made.call = call;
+      made.isStatic = S::isStatic;
+      made.changes = S::changes;
     } else if constexpr (ConstantRow<Row>) {
-      ops.type = &TypeOpsOf<typename Row::Type>::ops;
-      ops.at = constantAt;
+      made.type = &TypeOpsOf<typename Row::Type>::ops;
+      made.at = constantAt;
+    } else if constexpr (CollectionRow<Row>) {
+      made.type = EntityRow<D, N>::valueType();
+      made.collection = &EntityRow<D, N>::collection;
     } else {
-      ops.type = &TypeOpsOf<typename Row::Type>::ops;
-      ops.at = attributeAt;
+      made.type = &TypeOpsOf<typename Row::Type>::ops;
+      made.at = attributeAt;
+      if constexpr (EntityClass<D>) made.set = EntityRow<D, N>::set;
     }
-    return ops;
+    return made;
   }
   static constexpr MemberOps ops = make();
 
@@ -229,6 +252,14 @@ struct RowOps {
               MemberKind::function,
               typeName<std::remove_cvref_t<typename S::Result>>(),
               ArgumentOps<typename S::Arguments>::names,
+              0,
+              &ops};
+    } else if constexpr (CollectionRow<Row>) {
+      return {row().name,
+              N,
+              MemberKind::collection,
+              EntityRow<D, N>::valueName(),
+              EntityRow<D, N>::keyNames,
               0,
               &ops};
     } else if constexpr (ValueCollection<typename Row::Type>) {

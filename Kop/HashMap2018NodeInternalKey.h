@@ -11,6 +11,7 @@ template <class K, class V, class KeyFunktor>
 struct HashMap2018NodeInternalKey {
   using KeyType = K;
   using ValueType = V;
+  using KeyFunktorType = KeyFunktor;
   static constexpr bool nodeIsRelocatable = isRelocatable<V>;
 
   template <class... A>

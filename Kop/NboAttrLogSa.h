@@ -51,7 +51,7 @@ namespace Kop {
 
 namespace NboAttrLog {
 
-enum Kind : U8 {
+enum MessageKind : U8 {
   scalarSet = 1,
   collDel = 20,
   collSet = 21,
@@ -96,7 +96,7 @@ class KOP_EXPORT Stream {
   // owners that count messages. Unlimited at first.
   void creditIs(U64 messages) { credit_ = messages; }
 
-  std::size_t messageBegin(Kind kind, U64 identity, AttributeId attribute) {
+  std::size_t messageBegin(MessageKind kind, U64 identity, AttributeId attribute) {
     const std::size_t at = out_.size();
     out_.writeU32(0);
     out_.writeU8(kind);
@@ -182,7 +182,8 @@ class KOP_EXPORT Session {
   EntitySa& adapterOf(Entity& entity, EntitySa* parent);
   EntitySa* findAdapter(const Entity& entity);
   void retire(EntitySa& sa);
-  void catchUpMessage(Kind kind, In& in);
+  void dropRetired();
+  void catchUpMessage(MessageKind kind, In& in);
 
   Stream& stream_;
   Ptr<Entity> root_;
@@ -192,7 +193,6 @@ class KOP_EXPORT Session {
   bool peerCatchingUp_ = false;
   bool discard_ = false;
   bool remoteReadOnly_ = false;
-  U64 rootIdentity_;
   std::unordered_map<const Entity*, std::unique_ptr<EntitySa>> adapters_;
   std::list<EntitySa*> pending_;                    // adapters with something marked
   std::vector<std::unique_ptr<EntitySa>> retired_;  // freed outside of notifications
@@ -233,51 +233,55 @@ class KOP_EXPORT EntitySa final : public Notifiee {
     NboAttrLog::Stream* out;
     NboAttrLog::FlowOut* resync;
   };
-  bool isOkToSerialize() const { return session_.mayWrite(); }
+  bool isOkToSerialize() const { return isAnnounced_ && session_.mayWrite(); }
   bool handleSerializationOfCollCheck(AttributeId) const { return writes(); }
   bool continueFlowOut() const { return streamDemuxer().continueFlowOut(); }
-  Check collSerializeCheck(AttributeId collection, NboAttrLog::Kind kind);
-  std::size_t messageBegin(NboAttrLog::Kind kind, AttributeId attribute) {
+  Check collSerializeCheck(AttributeId collection, NboAttrLog::MessageKind kind);
+  std::size_t messageBegin(NboAttrLog::MessageKind kind, AttributeId attribute) {
     return streamDemuxer().messageBegin(kind, wireIdentity_, attribute);
   }
   void outSmCommitMessage(std::size_t begin) {
     streamDemuxer().outSmCommitMessage(begin);
   }
   void handleCollSerializationTransactionMarkers(AttributeId collection,
-                                                 NboAttrLog::Kind marker,
+                                                 NboAttrLog::MessageKind marker,
                                                  U32 count);
   // Writes the current state of a scalar, or of one key: a present key as a set, an absent
   // one as a delete.
   void onAttributeForConnection(AttributeId attribute, const void* key);
-  // Marks the change of a key that could not be written.
-  void keyMarked(AttributeId collection);
+  // The change of a key could not be written: its mark is new, or was there already.
+  // `present` is how many entries the collection has: when far more keys are marked, it is
+  // sent again from the beginning instead.
+  void keyMarked(AttributeId collection, U32 present);
+  void keyMarkedAgain();
   // Has the child's contents sent behind its message. A new child that equals a fresh one is
   // complete with its message.
   void childSent(Entity& child, bool isNew);
   // Sends from an attribute on; the meaning of the result as for TypeImpl::handleAttrFlowOut.
-  U32 pump(AttributeId start);
+  // Without a state everything is sent and nothing stops it.
+  U32 pump(AttributeId start, NboAttrLog::FlowOut* flow);
   void resync();
   bool clean() const { return !flow_; }
   // Pumps until nothing is marked or the stream has no room. True when nothing is.
   bool process();
 
   // Reading.
-  void received(NboAttrLog::Kind kind, AttributeId attribute, NboAttrLog::In& in);
+  void received(NboAttrLog::MessageKind kind, AttributeId attribute, NboAttrLog::In& in);
   bool allowWriteFromReadOnlyRemote() const { return !session_.remoteReadOnly(); }
   [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
   void doBaseKopNboAttrLogSaMsg(AttributeId attribute) const;  // LogCorruptException
+  // Applies a scalar, an entry, a delete (the negated identifier) or a child.
+  void handleAttrDeserialization(AttributeId attribute, NboAttrLog::In& in);
   void childReceived(Entity& child, U64 identity);
+  void childGone(Entity& child);  // before it is removed
   static void identityIs(Entity& entity, U64 identity) { entity.identityIs(identity); }
   NboAttrLog::CollMarks* marks(AttributeId collection) const;
   void marksIs(AttributeId collection, std::unique_ptr<NboAttrLog::CollMarks> marks);
-  // How many more entries the peer announced for the collection; the receiver makes room
-  // for them in steps, so that no announcement alone allocates much.
-  U32 announced = 0;
 
  private:
-  friend class Session;
-  friend class StreamAdapterIsActiveAnchor;
+  friend class NboAttrLog::Session;
   friend class NboAttrLog::Stream;
+  friend class StreamAdapterIsActiveAnchor;
   bool writes() const { return (session_.role() & Session::writes) != 0; }
   void marked();
 
@@ -289,6 +293,7 @@ class KOP_EXPORT EntitySa final : public Notifiee {
   std::unique_ptr<NboAttrLog::FlowOut> flow_;
   std::vector<std::pair<AttributeId, std::unique_ptr<NboAttrLog::CollMarks>>> marks_;
   bool isActive_ = false;
+  bool isAnnounced_ = true;  // the peer knows of the entity
   bool isPending_ = false;
   bool isRetired_ = false;
   std::list<EntitySa*>::iterator pendingAt_;
@@ -328,8 +333,8 @@ struct CollectionOps {
   AttributeId number;
   CollectionKind kind;
   const TypeOps* key;
-  const TypeOps* value;    // null for children; of a set, bool
-  FwkType (*childType)();  // of children, else null
+  const TypeOps* value;              // null for children; of a set, bool
+  const TypeRecord* (*childType)();  // of children, else null
   U32 (*count)(const Entity& entity);
   // The value under the key (a set: the key itself), or null. Children: use child.
   const void* (*find)(const Entity& entity, const void* key);
@@ -348,7 +353,7 @@ struct CollectionOps {
   void (*applyDel)(Entity& entity, EntitySa& sa, NboAttrLog::In& in);
   void (*applyTransaction)(Entity& entity,
                            EntitySa& sa,
-                           NboAttrLog::Kind marker,
+                           NboAttrLog::MessageKind marker,
                            NboAttrLog::In& in);
   void (*eachChild)(const Entity& entity, void* context, void (*)(void*, Entity&));
   const void* exports;  // keeps the typed functions in the library that instantiates them
@@ -377,5 +382,25 @@ struct EntityTable {
 };
 
 [[noreturn]] KOP_EXPORT void throwNewEntityArgsException(FwkType type);
+
+// Reflection over entities: get copies a scalar, or the value under a key, to *result (of a
+// child, its Ptr<Entity>); set writes *value to a scalar or under a key (of a child, makes
+// it); del removes a key, without a key all of them; has tells whether a key is present, as
+// a bool. False when there is no such attribute or entry, or nothing can be done to it so.
+//
+// Errors   as the typed calls. The assertion "type.isPolymorphic()" ends the process when the
+//          handle names a value type.
+enum class EntityOp : U8 { get, set, del, has };
+KOP_EXPORT bool entityAttributeOp(const KopAttr& attr,
+                                  EntityOp op,
+                                  Entity& entity,
+                                  const void* key,
+                                  const void* value,
+                                  void* result);
+KOP_EXPORT std::unique_ptr<CollectionIterator> entityIterator(const KopAttr& attr,
+                                                              Entity& entity);
+// The same over a value: the assertion is "!t.isPolymorphic()".
+KOP_EXPORT bool valueAttributeOp(
+    const KopAttr& attr, AttributeOp op, void* a, const void* b, void* result);
 
 }  // namespace Kop
