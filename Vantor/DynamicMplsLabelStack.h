@@ -3,6 +3,7 @@
 #include <compare>
 #include <initializer_list>
 #include <iosfwd>
+#include <span>
 #include <vector>
 
 #include "Kop/NboAttrLog.h"
@@ -37,6 +38,7 @@ class VANTOR_EXPORT DynamicMplsLabelStack {
   void labelIs(U32 i, U32 label);
   void labelPush(U32 label);  // behind the last one
   void labelDelAll() { labels_.clear(); }
+  std::span<const U32> labels() const { return labels_; }
   U32 hash() const;
 
   // Size of the binary form.
