@@ -152,6 +152,7 @@ struct CollBody {
   static void delAll(D& entity) {
     if (map(entity).empty()) return;
     EntityAccess::writable(entity);
+    const Ptr<D> kept(&entity);  // an observer may drop the last reference on the way
     removeAll(entity);
   }
 

@@ -12,7 +12,7 @@ namespace NboAttrLog {
 namespace {
 
 // Below this many marked keys a collection is never sent again instead.
-constexpr U32 fewKeys = 1024;
+constexpr U64 fewKeys = 1024;
 
 void eachChild(const Entity& entity, void* context, void (*visit)(void*, Entity&)) {
   for (const auto& attr : entity.kopTable().attrs)
@@ -291,7 +291,7 @@ void EntitySa::keyMarkedAgain() {
 }
 void EntitySa::keyMarked(AttributeId collection, U32 present) {
   marked();
-  if (flow_->collFlow(collection).dirtyCount() <= NboAttrLog::fewKeys + 2 * present)
+  if (flow_->collFlow(collection).dirtyCount() <= NboAttrLog::fewKeys + U64{2} * present)
     return;
   flow_->restart(collection);
   ++streamDemuxer().counters().walksAgain;
