@@ -183,7 +183,9 @@ struct CollBody {
     sa.outSmCommitMessage(begin);
   }
   // A changed key: written when it may be, or else marked.
-  static void serializeSing(const D& entity, EntitySa& sa, const K& key) {
+  static void handleExtKeyValueCollSerialization(const D& entity,
+                                                 EntitySa& sa,
+                                                 const K& key) {
     const auto kindNow = map(entity).has(key) ? NboAttrLog::collSet : NboAttrLog::collDel;
     const auto check = sa.collSerializeCheck(N, kindNow);
     if (check.out) writeKey(entity, sa, key);
@@ -200,7 +202,9 @@ struct CollBody {
 
   // The collection in a resynchronisation; true when finished. The walk never sees the map
   // change: writes meanwhile only mark their keys.
-  static bool serializeColl(const D& entity, EntitySa& sa, NboAttrLog::FlowOut* resync) {
+  static bool handleSerializationOfColl(const D& entity,
+                                        EntitySa& sa,
+                                        NboAttrLog::FlowOut* resync) {
     if (!sa.handleSerializationOfCollCheck(N)) return true;
     if (!sa.isOkToSerialize()) return false;
     if (!resync || !resync->kopHasSynced(N)) {
@@ -393,13 +397,13 @@ struct CollBody {
   static bool serializeCollUntyped(const Entity& entity,
                                    EntitySa& sa,
                                    NboAttrLog::FlowOut* resync) {
-    return serializeColl(of(entity), sa, resync);
+    return handleSerializationOfColl(of(entity), sa, resync);
   }
   static void writeKeyUntyped(const Entity& entity, EntitySa& sa, const void* key) {
     writeKey(of(entity), sa, keyOf(key));
   }
   static void changed(const Entity& entity, EntitySa& sa, const void* key) {
-    serializeSing(of(entity), sa, keyOf(key));
+    handleExtKeyValueCollSerialization(of(entity), sa, keyOf(key));
   }
   static void eachChild(const Entity& entity,
                         void* context,
@@ -469,11 +473,11 @@ template <class T, U32 N, class K, class V>
 bool CollOps<T, N, K, V>::serializeColl(const T& entity,
                                         EntitySa& sa,
                                         NboAttrLog::FlowOut* resync) {
-  return CollBody<T, N>::serializeColl(entity, sa, resync);
+  return CollBody<T, N>::handleSerializationOfColl(entity, sa, resync);
 }
 template <class T, U32 N, class K, class V>
 void CollOps<T, N, K, V>::serializeSing(const T& entity, EntitySa& sa, const K& key) {
-  CollBody<T, N>::serializeSing(entity, sa, key);
+  CollBody<T, N>::handleExtKeyValueCollSerialization(entity, sa, key);
 }
 
 }  // namespace Kop
