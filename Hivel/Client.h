@@ -128,19 +128,20 @@ class KOP_EXPORT Client {
   // Errors   Kop::RangeException for a bad path, a missing entity or a type that is not
   //          registered here; RefusedException when this client has the path mounted.
   Mount& mount(std::string_view path, Mode mode, MountOptions options = {});
-  // Ends the mount; a replica may be written afterwards. The path stays on the server,
-  // unless it is removed: that takes a mount for writing.
+  // Ends the mount. What was written before is still sent, if the server is not lost; a
+  // replica may be written when the server has agreed. The path stays on the server, unless
+  // it is removed: that takes a mount for writing.
   void unmount(std::string_view path, bool remove = false);
   Mount* find(std::string_view path) const;  // null when not mounted
 
-  // Mounts and waits until the mount is live.
+  // Mounts and waits until the mount is live. Gives up when the server cannot be reached.
   // Errors   RefusedException: the reason, or that the server did not answer in time.
   Mount& mountAndWait(std::string_view path,
                       Mode mode,
                       MountOptions options,
                       milliseconds timeout);
 
-  // Everything written so far was handed to the socket.
+  // Everything written so far was handed to the socket. False while the server is lost.
   bool drained() const;
   // Calls back when the server has applied everything written so far by this client, with
   // false when it cannot: a path was refused. Survives reconnections.
@@ -150,6 +151,7 @@ class KOP_EXPORT Client {
   // Paths below a prefix. Asked again after a reconnection until it is answered.
   void list(std::string_view prefix,
             std::function<void(const std::vector<PathInfo>&)> done);
+  // RefusedException when the server cannot be reached or does not answer in time.
   std::vector<PathInfo> listAndWait(std::string_view prefix, milliseconds timeout);
   // Told of each path that appears (also those there already) or disappears.
   using WatchId = U64;
@@ -158,7 +160,7 @@ class KOP_EXPORT Client {
   void unwatch(WatchId id);
 
   void status(std::function<void(const ServerStatus&)> done);
-  ServerStatus statusAndWait(milliseconds timeout);  // RefusedException
+  ServerStatus statusAndWait(milliseconds timeout);  // as listAndWait
 
  private:
   friend struct ClientImpl;

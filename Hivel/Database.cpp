@@ -44,6 +44,10 @@ bool isCovered(std::string_view path, std::string_view prefix) {
                             (path.size() == prefix.size() || path[prefix.size()] == '/'));
 }
 
+Kop::String lastPart(std::string_view path) {
+  return Kop::String(path.substr(path.rfind('/') + 1));
+}
+
 std::string_view typeNameOf(const Kop::Entity& entity) {
   return Kop::typeRecord(entity.fwkType()).name;
 }

@@ -24,6 +24,9 @@ KOP_EXPORT void checkPath(std::string_view path);
 KOP_EXPORT void checkPrefix(std::string_view prefix);  // empty is allowed
 KOP_EXPORT bool isCovered(std::string_view path, std::string_view prefix);
 
+// The name of a root that nobody named otherwise.
+KOP_EXPORT Kop::String lastPart(std::string_view path);
+
 // How a client mounts a path.
 enum class Mode : U8 {
   read,     // a replica, made by the client

@@ -52,8 +52,8 @@
 // then the log from the client. Adopting: mount -> mounted; unless the root identity in it
 // is 0 (there was nothing), one catch-up from the server, then adopted; then the log from the
 // client. Instead of mounted, refused may come. Unmount ends each; what the server had under
-// way is read and dropped until unmounted. A writer answers gone with unmount, and what it
-// had under way is dropped until then.
+// way comes before unmounted. A writer answers gone with unmount, and what it
+// had under way until then changes nothing at the path.
 //
 // `settled` is false while the path is between two states because its writer catches up.
 //
