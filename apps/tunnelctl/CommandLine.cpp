@@ -1,0 +1,253 @@
+#include "apps/tunnelctl/CommandLine.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ostream>
+
+#include <dlfcn.h>
+
+#include <CLI/CLI.hpp>
+
+#include "Kop/Exception.h"
+#include "apps/tunnelctl/Session.h"
+#include "apps/tunnelctl/Verbs.h"
+
+namespace Tunnelctl {
+
+namespace {
+
+struct Arguments {
+  Style style;
+  std::string socketPath = defaultSocketPath();
+  double timeout = 5;  // seconds
+  std::vector<std::string> typeLibraries;
+  std::vector<std::string> words;
+  TunnelIdParts parts;
+  std::string algorithm;
+  std::string type, text, json;
+  ApplyOptions apply;
+  MonitorOptions monitor;
+  std::string prefix;
+  U64 count = 0;
+  double seconds = 0;
+};
+
+std::chrono::milliseconds milliseconds(double seconds) {
+  return std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+}
+
+void loadTypes(const std::vector<std::string>& libraries) {
+  for (const std::string& library : libraries)
+    if (!dlopen(library.c_str(), RTLD_NOW | RTLD_GLOBAL)) {
+      const char* const reason = dlerror();
+      throw Failure("--types '" + library +
+                    "': " + (reason ? reason : "cannot be loaded"));
+    }
+}
+
+// CLI11 takes the bare "-br" for two options.
+std::vector<std::string> reversed(const std::vector<std::string>& arguments) {
+  std::vector<std::string> result(arguments.rbegin(), arguments.rend());
+  for (std::string& argument : result)
+    if (argument == "-br") argument = "--brief";
+  return result;
+}
+
+class Command {
+ public:
+  explicit Command(Arguments& arguments) : a_(arguments) {
+    app_.name("tunnelctl");
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.set_help_flag("-h,--help", "Show this text");
+    app_.add_flag("-j,--json", a_.style.json,
+                  "JSON: always an array; events are one line each");
+    app_.add_flag("-p,--pretty", a_.style.pretty, "indent JSON");
+    app_.add_flag("-d,--details", a_.style.detail, "show more");
+    app_.add_flag("--brief", a_.style.brief, "show less; also -br");
+    app_.add_option("-s,--socket", a_.socketPath,
+                    "the state database's socket; otherwise $HIVEL_SOCKET or " +
+                        std::string("/run/hivel/hivel.sock"));
+    app_.add_option("--timeout", a_.timeout, "seconds to wait for the database")
+        ->check(CLI::Range(0.01, 86400.0));
+    app_.add_option("--types", a_.typeLibraries, "load a library of types, by name")
+        ->type_name("LIB")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    addIdentifiers();
+    addTypes();
+    addState();
+  }
+
+  CLI::App& app() { return app_; }
+  const std::function<int(const Context&)>& action() const { return action_; }
+
+ private:
+  using Action = std::function<int(const Context&)>;
+  void does(CLI::App* verb, Action action) {
+    verb->callback([this, action] {
+      if (!action_) action_ = action;
+    });
+  }
+  // A verb that decodes words, with a verb below it that encodes.
+  static int showRecords(const Context& context, const Json& records) {
+    const bool down = records.items.size() == 1 || context.style.detail;
+    printRecords(context.out, context.style, records, down);
+    return 0;
+  }
+
+  void addIdentifiers() {
+    auto* const id = app_.add_subcommand("id", "Take tunnel identifiers apart");
+    id->add_option(
+        "ID", a_.words,
+        "numbers, texts such as LDP tunnel index 26, or interfaces of tunnels");
+    auto* const encode = id->add_subcommand("encode", "Put a tunnel identifier together");
+    encode->add_option("KIND", a_.parts.kind, "ldpTunnel, or LDP")->required();
+    encode->add_option("INDEX", a_.parts.index, "a number")->required();
+    encode->add_flag("--ipv6", a_.parts.ipv6, "an IPv6 tunnel");
+    encode->add_option("--algo", a_.algorithm, "flex-algorithm, 0 to 255");
+    does(encode, [this](const Context& context) {
+      if (!a_.algorithm.empty()) a_.parts.algorithm = a_.algorithm;
+      return showRecords(context,
+                         Json(Json::array().push(describe(makeTunnelId(a_.parts)))));
+    });
+    does(id, [this](const Context& context) {
+      needWords("id", "ID");
+      return showRecords(context, decodeTunnelIds(a_.words));
+    });
+
+    auto* const encap =
+        app_.add_subcommand("encap", "Take encapsulation identifiers apart");
+    encap->add_option("NUMBER", a_.words, "32 bits");
+    auto* const encapEncode =
+        encap->add_subcommand("encode", "Put an encapsulation identifier together");
+    encapEncode->add_option("KIND", a_.parts.kind, "mplsEncap, or MPLS")->required();
+    encapEncode->add_option("INDEX", a_.parts.index, "28 bits")->required();
+    does(encapEncode, [this](const Context& context) {
+      return showRecords(
+          context,
+          Json(Json::array().push(describe(makeEncapId(a_.parts.kind, a_.parts.index)))));
+    });
+    does(encap, [this](const Context& context) {
+      needWords("encap", "NUMBER");
+      Json records = Json::array();
+      for (const std::string& word : a_.words)
+        records.push(describe(readEncapId(word)));
+      return showRecords(context, records);
+    });
+
+    auto* const intf =
+        app_.add_subcommand("intf", "Interface words and names, each from the other");
+    intf->add_option("INTF", a_.words, "a name or a 64-bit word")->required();
+    does(intf, [this](const Context& context) {
+      Json records = Json::array();
+      for (const std::string& word : a_.words)
+        records.push(describe(readIntfId(word)));
+      return showRecords(context, records);
+    });
+  }
+
+  void addTypes() {
+    auto* const types = app_.add_subcommand("types", "Modules, types and their members");
+    types->add_option("NAME", a_.type, "a module or a type");
+    does(types,
+         [this](const Context& context) { return Tunnelctl::types(context, a_.type); });
+
+    auto* const value =
+        app_.add_subcommand("value", "Read a value from text or JSON, print it");
+    value->add_option("TYPE", a_.type, "a value type")->required();
+    auto* const text = value->add_option("TEXT", a_.text, "as values print themselves");
+    auto* const json = value->add_option("--json", a_.json, "the value as JSON");
+    text->excludes(json);
+    does(value, [this, text, json](const Context& context) {
+      return Tunnelctl::value(context, a_.type,
+                              text->count() ? std::optional(a_.text) : std::nullopt,
+                              json->count() ? std::optional(a_.json) : std::nullopt);
+    });
+  }
+
+  void addState() {
+    auto* const apply = app_.add_subcommand("apply", "Make the database as a file says");
+    apply->add_option("FILE", a_.apply.file, "a configuration, - for standard input")
+        ->required();
+    apply->add_flag("--check", a_.apply.check,
+                    "only tell what differs; status 1 if anything does");
+    does(apply,
+         [this](const Context& context) { return Tunnelctl::apply(context, a_.apply); });
+
+    auto* const show =
+        app_.add_subcommand("show", "List mounted paths, or show what they hold");
+    show->add_option("PATH", a_.prefix, "this path and all below it; / is all");
+    does(show,
+         [this](const Context& context) { return Tunnelctl::show(context, a_.prefix); });
+
+    auto* const monitor = app_.add_subcommand("monitor", "Follow changes as they come");
+    monitor->add_option("PATH", a_.monitor.prefix, "this path and all below it");
+    auto* const count =
+        monitor->add_option("--count", a_.count, "end after so many changes");
+    auto* const seconds =
+        monitor->add_option("--for", a_.seconds, "end after so many seconds")
+            ->check(CLI::Range(0.0, 1e6));
+    monitor->add_option(
+        "--state", a_.monitor.stateFile,
+        "at the end write what is held to a file, as `-j show /` prints it");
+    does(monitor, [this, count, seconds](const Context& context) {
+      if (count->count()) a_.monitor.count = a_.count;
+      if (seconds->count()) a_.monitor.limit = milliseconds(a_.seconds);
+      return Tunnelctl::monitor(context, a_.monitor);
+    });
+
+    auto* const status =
+        app_.add_subcommand("status", "The server, its connections and paths");
+    does(status, [](const Context& context) { return Tunnelctl::status(context); });
+  }
+
+  void needWords(const char* verb, const char* name) const {
+    if (a_.words.empty())
+      throw UsageError(std::string(verb) + ": " + name + " is required; see " + verb +
+                       " --help");
+  }
+
+  Arguments& a_;
+  CLI::App app_{"Decodes tunnel identifiers, applies and shows the state of tunnels."};
+  Action action_;
+};
+
+int fail(const Terminal& terminal, int status, std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  terminal.out.flush();
+  terminal.err << "tunnelctl: " << text << '\n';
+  return status;
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments, const Terminal& terminal) {
+  try {
+    Arguments read;
+    Command command(read);
+    try {
+      command.app().parse(reversed(arguments));
+    } catch (const CLI::CallForHelp&) {
+      terminal.out << command.app().help();
+      return 0;
+    } catch (const CLI::ParseError& error) {
+      return fail(terminal, exitUsage, error.what());
+    }
+    loadTypes(read.typeLibraries);
+    read.style.colour = terminal.isTerminal && !std::getenv("NO_COLOR");
+    const Context context{read.style, read.socketPath, milliseconds(read.timeout),
+                          terminal.out};
+    const int status = command.action()(context);
+    terminal.out.flush();
+    if (!terminal.out)
+      return fail(terminal, exitFailed, "standard output cannot be written");
+    return status;
+  } catch (const UsageError& error) {
+    return fail(terminal, exitUsage, error.what());
+  } catch (const std::exception& error) {
+    return fail(terminal, exitFailed, error.what());
+  }
+}
+
+}  // namespace Tunnelctl

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "apps/tunnelctl/Json.h"
+
+// How results and errors are shown.
+
+namespace Tunnelctl {
+
+constexpr int exitFailed = 1;
+constexpr int exitUsage = 2;
+
+// A wrong argument: names it, what was found and what is allowed. Exit status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What was asked for could not be done. Exit status 1.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Style {
+  bool json = false;
+  bool pretty = false;
+  bool detail = false;
+  bool brief = false;
+  bool colour = false;
+
+  // Text in colour, or as it stands.
+  enum Colour { heading, key, added, removed, faint };
+  std::string paint(Colour colour, std::string_view text) const;
+};
+
+// Orders runs of digits by their number: Ethernet2 before Ethernet10.
+bool naturalLess(std::string_view a, std::string_view b);
+
+// A text as it may be printed: quoted with escapes when it is empty or holds control
+// characters, so that no name can move the cursor or pass for another one.
+std::string printable(std::string_view text);
+
+// Rows in columns two blanks apart. The last column is not padded; a row may be short.
+class Columns {
+ public:
+  void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  bool empty() const { return rows_.empty(); }
+  // The first row is a heading when style and `hasHeading` say so.
+  void print(std::ostream& out,
+             const Style& style,
+             bool hasHeading,
+             std::size_t indent = 0) const;
+
+ private:
+  std::vector<std::vector<std::string>> rows_;
+};
+
+// An array of objects with equal names: as JSON when the style asks for it; else as a table,
+// or with `down` one name and value per line.
+void printRecords(std::ostream& out, const Style& style, const Json& records, bool down);
+
+// An array as JSON with a line end.
+void printJson(std::ostream& out, const Style& style, const Json& json);
+
+// A scalar for people: null is "-", booleans are yes and no.
+std::string plain(const Json& json);
+
+}  // namespace Tunnelctl

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Kop/Module.h"
+#include "apps/tunnelctl/Identifiers.h"
+#include "apps/tunnelctl/Output.h"
+
+// What each verb does once its arguments are read. The result is the exit status.
+//
+// Errors   UsageError, Failure; whoever calls shows them.
+
+namespace Tunnelctl {
+
+struct Context {
+  Style style;
+  std::string socketPath;
+  std::chrono::milliseconds timeout{5000};  // for an answer of the server
+  std::ostream& out;
+};
+
+// Without a server.
+int types(const Context& context, const std::string& name);  // empty: all modules
+int value(const Context& context,
+          const std::string& typeName,
+          const std::optional<std::string>& text,
+          const std::optional<std::string>& json);
+
+// A type by its qualified name, or by the end of it when only one type ends so.
+const Kop::TypeRecord& findTypeNamed(const std::string& name);
+// Whether values of the type can be read from text. Those that hold a collection cannot, and
+// must not be asked to.
+bool isReadable(const Kop::TypeOps& type);
+
+struct ApplyOptions {
+  std::string file;
+  bool check = false;  // compare only; exit status 1 when something differs
+};
+int apply(const Context& context, const ApplyOptions& options);
+
+int show(const Context& context, const std::string& prefix);
+
+struct MonitorOptions {
+  std::string prefix;
+  std::optional<U64> count;                        // changes
+  std::optional<std::chrono::milliseconds> limit;  // of time
+  std::string stateFile;  // where to write what is held at the end
+};
+int monitor(const Context& context, const MonitorOptions& options);
+
+int status(const Context& context);
+
+}  // namespace Tunnelctl
