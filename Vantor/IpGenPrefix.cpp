@@ -1,5 +1,7 @@
 #include "Vantor/IpGenPrefix.h"
 
+#include <algorithm>
+
 #include "Vantor/IpText.h"
 #include "Vantor/Spell.h"
 
@@ -10,16 +12,20 @@ namespace {
 IpGenPrefix prefixOf(std::string_view text) {
   if (text.empty()) return IpGenPrefix();
   const std::size_t slash = text.find('/');
-  if (slash == text.npos || slash == 0)
-    throwUnreadable<Kop::Exception>("not an IP prefix", text);
-  const IpGenAddr addr = addrOf(text.substr(0, slash));
-  std::string_view rest = text.substr(slash + 1);
-  if (rest.empty() || rest.find_first_not_of("0123456789") != rest.npos ||
+  IpGenAddr addr;
+  const Spelling spelling = slash == text.npos || slash == 0
+                                ? Spelling::malformed
+                                : addrRead(text.substr(0, slash), addr);
+  std::string_view rest = text.substr(std::min(slash, text.size() - 1) + 1);
+  if (spelling == Spelling::malformed || rest.empty() ||
+      rest.find_first_not_of("0123456789") != rest.npos ||
       (rest.size() > 1 && rest[0] == '0'))
     throwUnreadable<Kop::Exception>("not an IP prefix", text);
+  if (spelling == Spelling::outOfRange)
+    throwUnreadable<Kop::RangeException>("a part above 255 in an IP prefix", text);
   U32 len;
   if (!decimalTake(rest, addr.bitCount(), len))
-    throwUnreadable<Kop::RangeException>("an IP prefix that is too long", text);
+    throwUnreadable<Kop::RangeException>("more bits than the address has", text);
   return IpGenPrefix(addr, len);
 }
 

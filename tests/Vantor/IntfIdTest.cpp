@@ -1,0 +1,131 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Vantor/IntfId.h"
+
+using Vantor::IntfId;
+
+// Catches a row whose words or limits move: words are stored and sent, names are typed.
+TEST(IntfIdNames, wordOfEveryRow) {
+  struct Row {
+    const char* name;
+    U64 word;
+  };
+  const Row rows[] = {
+      {"",                                 0                  },
+      {"A",                                0x0041000000000000 },
+      {"B",                                0x0042000000000000 },
+      {"abcdefg",                          0x0061626364656667 },
+      {" ~'\\",                            0x00207e275c000000 },
+      {"Generic",                          0x0047656e65726963 },
+      {"Vlan",                             0x00566c616e000000 },
+      {"Vlan01",                           0x00566c616e303100 },
+      {"Vlan1x",                           0x00566c616e317800 },
+      {"Ethernet1",                        0x0100100000000000 },
+      {"Ethernet4095/4095/255.16777215",   0x01ffffffffffffff },
+      {"Ethernet3/2",                      0x0100300200000000 },
+      {"Ethernet3.7",                      0x0100300000000007 },
+      {"Loopback0",                        0x0200000000000000 },
+      {"Vlan4094",                         0x0300000ffe000000 },
+      {"Vlan1",                            0x0300000001000000 },
+      {"Vxlan4294967295",                  0x04ffffffff000000 },
+      {"Tunnel12",                         0x050000000c000000 },
+      {"SrTePolicyTunnel1966080.5",        0x13001e0000000005 },
+      {"DynamicTunnel3145728.5",           4179393230757953541},
+      {"DynamicTunnel4294967295.16777215", 0x3affffffffffffff },
+      {"Generic0.1.0",                     0x0000000001000000 }, // a byte behind a NUL
+      {"Generic0.2130706432.0",            0x007f000000000000 }, // no printable byte
+      {"Generic0.1449943406.3211264",      0x00566c616e310000 }, // "Vlan1" is another word
+      {"Generic1.0.0",                     0x0100000000000000 },
+      {"Generic1.1048577.0",               0x0100100001000000 }, // a lane without a port
+      {"Generic3.1.2",                     0x0300000001000002 },
+      {"Generic6.0.0",                     0x0600000000000000 },
+      {"Generic255.4294967295.16777215",   0xffffffffffffffff },
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(IntfId(row.name).value(), row.word);
+    EXPECT_EQ(IntfId::fromValue(row.word).stringValue(), row.name);
+  }
+}
+
+// Catches a second spelling of an interface, and a number that is cut to its part.
+TEST(IntfIdNames, refused) {
+  for (const char* name : {"Ethernet",
+                           "Ethernet0",
+                           "Ethernet01",
+                           "Ethernet4096",
+                           "Ethernet1/0",
+                           "Ethernet1/4096",
+                           "Ethernet1/1/0",
+                           "Ethernet1/1/256",
+                           "Ethernet1/1/1/1",
+                           "Ethernet1.0",
+                           "Ethernet1.16777216",
+                           "Ethernet1/",
+                           "Ethernet1 ",
+                           "ethernet1",
+                           "Loopback",
+                           "Loopback00",
+                           "Vlan4294967296",
+                           "Tunnel-1",
+                           "Tunnel1.1",
+                           "DynamicTunnel1",
+                           "DynamicTunnel1.",
+                           "DynamicTunnel1.01",
+                           "DynamicTunnel01.1",
+                           "DynamicTunnel4294967296.0",
+                           "DynamicTunnel0.16777216",
+                           "SrTePolicyTunnel",
+                           "Generic256.0.0",
+                           "Generic06.0.0",
+                           "Generic6.0",
+                           "Generic6.0.0.0",
+                           "Generic0.0.0",           // the empty name
+                           "Generic3.1.0",           // Vlan1
+                           "Generic58.1.2",          // DynamicTunnel1.2
+                           "Generic1.1048576.0",     // Ethernet1
+                           "Generic0.1090519040.0",  // A
+                           "abcdefgh",
+                           "\x7f",
+                           "\x1f",
+                           "\xc3\xa4",
+                           "a\tb"})
+    EXPECT_THROW(IntfId{name}, Kop::RangeException) << name;
+  EXPECT_THROW(IntfId(Kop::String("a\0b", 3)), Kop::RangeException);
+}
+
+// Catches a printable name that is lost or shared, over every name of up to two bytes, and
+// words that are not in the order of their names.
+TEST(IntfIdNames, shortNamesAreOneToOneAndInOrder) {
+  IntfId last;
+  for (int a = 0x20; a < 0x7f; ++a) {
+    for (int b = 0x1f; b < 0x7f; ++b) {  // 0x1f stands for no second byte
+      const std::string name =
+          b == 0x1f ? std::string{char(a)} : std::string{char(a), char(b)};
+      const IntfId intf{Kop::String(name)};
+      ASSERT_LT(last, intf) << name;
+      ASSERT_EQ(intf.stringValue(), Kop::String(name));
+      ASSERT_EQ(Kop::strepToValue<IntfId>(valueToStrep(intf)), intf) << name;
+      last = intf;
+    }
+  }
+}
+
+// Catches a part that spills into its neighbour.
+TEST(IntfIdParts, areIndependent) {
+  IntfId intf = IntfId::fromValue(0xffffffffffffffff);
+  intf.typeIdIs(0x13a);  // keeps 8 bits
+  intf.partIs(0, 0xff000005);
+  EXPECT_EQ(intf.value(), 0x3affffffff000005u);
+  intf.partIs(1, 0x300000);
+  EXPECT_EQ(intf.value(), 4179393230757953541u);
+  intf.partIs(0, 0xffffffff);
+  intf.typeIdIs(0);
+  EXPECT_EQ(intf.value(), 0x0000300000ffffffu);
+  EXPECT_EQ(intf.part(0), 0xffffffu);
+  EXPECT_EQ(intf.part(1), 0x300000u);
+  EXPECT_EQ(IntfId().hash(), 0u);
+  EXPECT_DEATH(intf.part(2), "Vantor/IntfId: part: Assertion \"n < 2\" failed");
+}

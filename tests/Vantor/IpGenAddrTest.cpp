@@ -1,0 +1,280 @@
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <string>
+
+#include <arpa/inet.h>
+
+#include <gtest/gtest.h>
+
+#include "Vantor/IpGenPrefix.h"
+
+using namespace Vantor;
+
+namespace {
+std::size_t allocations;
+}
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* block = std::malloc(size)) return block;
+  throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept {
+  std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}
+
+// Catches a spelling that is read as another address or written in another way than all
+// other programs write it.
+TEST(IpGenAddrText, spellings) {
+  struct Row {
+    const char* text;
+    const char* written;
+  };
+  const Row rows[] = {
+      {"",                                        ""                    },
+      {"0.0.0.0",                                 "0.0.0.0"             },
+      {"255.255.255.255",                         "255.255.255.255"     },
+      {"10.0.0.1",                                "10.0.0.1"            },
+      {"::",                                      "::"                  },
+      {"::1",                                     "::1"                 },
+      {"1::",                                     "1::"                 },
+      {"0:0:0:0:0:0:0:0",                         "::"                  },
+      {"2001:DB8::A",                             "2001:db8::a"         },
+      {"2001:0db8:0000:0000:0000:0000:0000:0001", "2001:db8::1"         },
+      {"2001:db8:0:1:1:1:1:1",                    "2001:db8:0:1:1:1:1:1"}, // a lone zero group stays
+      {"2001:db8::1:1:1:1:1",                     "2001:db8:0:1:1:1:1:1"},
+      {"2001:0:0:1:0:0:0:1",                      "2001:0:0:1::1"       }, // the longest run
+      {"2001:db8:0:0:1:0:0:1",                    "2001:db8::1:0:0:1"   }, // the first of equal ones
+      {"1:2:3:4:5:6:0:0",                         "1:2:3:4:5:6::"       },
+      {"0:0:3:4:5:6:7:8",                         "::3:4:5:6:7:8"       },
+      {"1:2:3:4:5:6:7::",                         "1:2:3:4:5:6:7:0"     },
+      {"::2:3:4:5:6:7:8",                         "0:2:3:4:5:6:7:8"     },
+      {"::ffff:10.0.0.1",                         "::ffff:10.0.0.1"     },
+      {"::FFFF:a00:1",                            "::ffff:10.0.0.1"     },
+      {"0:0:0:0:0:ffff:10.0.0.1",                 "::ffff:10.0.0.1"     },
+      {"64:ff9b::192.0.2.33",                     "64:ff9b::c000:221"   },
+      {"::1.2.3.4",                               "::102:304"           },
+      {"1:2:3:4:5:6:1.2.3.4",                     "1:2:3:4:5:6:102:304" },
+      {"0:0:0:0:0:fffe:0:0",                      "::fffe:0:0"          },
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.text);
+    const IpGenAddr addr{Kop::String(row.text)};
+    EXPECT_EQ(addr.stringValue(), row.written);
+    EXPECT_EQ(addr, IpGenAddr{Kop::String(row.written)});
+    EXPECT_EQ(valueToStrep(addr), Kop::String("'" + std::string(row.written) + "'"));
+  }
+}
+
+enum Refusal { malformed, range };
+
+template <class T>
+void expectRefused(const char* text, Refusal wanted) {
+  SCOPED_TRACE(text);
+  const Kop::String typed = "'" + std::string(text) + "'";
+  try {
+    Kop::strepToValue<T>(typed);
+    ADD_FAILURE() << "taken";
+  } catch (const Kop::RangeException& error) {
+    EXPECT_EQ(wanted, range);
+    EXPECT_NE(std::string(error.what()).find(text), std::string::npos) << error.what();
+  } catch (const Kop::Exception& error) {
+    EXPECT_EQ(wanted, malformed);
+    EXPECT_NE(std::string(error.what()).find(text), std::string::npos) << error.what();
+  }
+}
+
+// Catches a reader that guesses, and an error that does not name what was found.
+TEST(IpGenAddrText, refused) {
+  for (const char* text : {"10",
+                           "10.0.0",
+                           "10.0.0.0.0",
+                           "10.0.0.",
+                           ".10.0.0",
+                           "10..0.0",
+                           "010.0.0.1",
+                           "10.0.0.00",
+                           "10.0.0.1 ",
+                           " 10.0.0.1",
+                           "+1.0.0.0",
+                           "0x0a.0.0.1",
+                           "a.0.0.1",
+                           "1.2.3.4:",
+                           ":",
+                           ":::",
+                           "1",
+                           "1:2:3:4:5:6:7",
+                           "1:2:3:4:5:6:7:8:9",
+                           "1::2:3:4:5:6:7:8",
+                           "1::2::3",
+                           "::1::",
+                           "1:",
+                           ":1",
+                           "1:2:3:4:5:6:7:",
+                           ":2:3:4:5:6:7:8",
+                           "12345::",
+                           "00001::",
+                           "g::",
+                           "1.2.3.4::",
+                           "::1.2.3",
+                           "::1.2.3.4.5",
+                           "::01.2.3.4",
+                           "1:2:3:4:5:6:7:1.2.3.4",
+                           "::1.2.3.4:1",
+                           "fe80::1%eth0",
+                           "[::1]",
+                           "::1/64",
+                           "::ffff:a.b.c.d"})
+    expectRefused<IpGenAddr>(text, malformed);
+  for (const char* text :
+       {"256.0.0.0", "1.2.3.1000", "::ffff:1.2.3.256", "1.2.3.99999999999999999999"})
+    expectRefused<IpGenAddr>(text, range);
+  EXPECT_THROW(Kop::strepToValue<IpGenAddr>("10.0.0.1"), Kop::Exception);
+  EXPECT_THROW(Kop::strepToValue<IpGenAddr>("'10.0.0.1"), Kop::Exception);
+  EXPECT_THROW(IpGenAddr(Kop::String("10.0.0.1\0", 9)), Kop::Exception);
+}
+
+// Catches any difference in what is taken: the system's own reader and writer as the model.
+// They differ on purpose in one thing: an IPv4-compatible address (::a.b.c.d) is written in
+// groups here.
+TEST(IpGenAddrText, agreesWithTheSystem) {
+  std::mt19937_64 random(4291);
+  const auto below = [&](U64 limit) { return random() % limit; };
+  constexpr char alphabet[] = "00123456789abcdefABCDEFg::::.... ";
+  int taken = 0, refused = 0;
+  for (int i = 0; i < 200000; ++i) {
+    std::string text;
+    if (below(4) == 0) {
+      for (int part = 0; part < 4; ++part)
+        text += (part ? "." : "") + std::to_string(below(260));
+    } else {
+      char group[8];
+      for (U64 n = 6 + below(3), k = 0; k < n; ++k) {
+        std::snprintf(group, sizeof group, below(2) ? "%x" : "%04X",
+                      static_cast<unsigned>(below(2) ? 0 : random() & 0xffff));
+        text += (k ? ":" : "") + std::string(group);
+      }
+      if (below(3) == 0) text += ":1.2.3." + std::to_string(below(300));
+      if (below(2)) {  // leave groups out
+        const auto at = text.find(':', below(text.size())), size = below(16);
+        if (at != text.npos) text.replace(at, size, "::");
+      }
+    }
+    for (U64 n = below(3); n > 0 && !text.empty(); --n) {
+      const auto at = below(text.size());
+      const char c = alphabet[below(sizeof alphabet - 1)];
+      switch (below(3)) {
+        case 0: text[at] = c; break;
+        case 1: text.insert(at, 1, c); break;
+        default: text.erase(at, 1);
+      }
+    }
+    if (text.empty()) continue;
+
+    U8 bytes[16] = {};
+    const bool isIpv6 = text.find(':') != text.npos;
+    const bool isAddr = inet_pton(isIpv6 ? AF_INET6 : AF_INET, text.c_str(), bytes) == 1;
+    (isAddr ? taken : refused) += 1;
+    try {
+      const IpGenAddr addr{Kop::String(text)};
+      ASSERT_TRUE(isAddr) << text;
+      ASSERT_EQ(addr.af(), isIpv6 ? ipv6 : ipv4) << text;
+      ASSERT_EQ(std::memcmp(addr.bytes(), bytes, sizeof bytes), 0) << text;
+      char written[INET6_ADDRSTRLEN];
+      inet_ntop(isIpv6 ? AF_INET6 : AF_INET, bytes, written, sizeof written);
+      const bool isCompatible = isIpv6 &&
+                                std::string(written).find('.') != std::string::npos &&
+                                std::string(written).rfind("::ffff:", 0) != 0;
+      if (!isCompatible) ASSERT_EQ(addr.stringValue(), written);
+    } catch (const Kop::Exception&) {
+      ASSERT_FALSE(isAddr) << text;
+    }
+  }
+  EXPECT_GT(taken, 20000);
+  EXPECT_GT(refused, 20000);
+}
+
+// Catches an allocation on the way of addresses that are read and written in bulk.
+TEST(IpGenAddrText, readingAndWritingAllocateNothing) {
+  const Kop::String text = "'1:22:333:4444:5555:6666:7777:8888'";
+  const std::size_t before = allocations;
+  Kop::TextIt it = text.begin();
+  const IpGenAddr addr(it, text.end());
+  Kop::TextOut out;
+  strepWrite(out, addr);
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(out.view(), std::string_view(text));
+}
+
+// Catches a change of the image or of the log form, which other processes read, and bytes
+// of a peer that are kept where no address has any.
+TEST(IpGenAddrImage, isCanonical) {
+  const U8 image[20] = {1, 0, 0, 0, 10, 0, 0, 1};
+  const IpGenAddr addr("10.0.0.1");
+  EXPECT_EQ(std::memcmp(&addr, image, sizeof image), 0);
+  EXPECT_EQ(addr.hash(), Kop::OneAtATime().bytes(image + 4, 16).result());
+  EXPECT_EQ(addr.hash(), IpGenAddr("a00:1::").hash());  // the family is not mixed
+
+  const IpGenPrefix prefix(addr, 8);
+  EXPECT_EQ(std::memcmp(&prefix, image, sizeof image), 0);
+  EXPECT_EQ(reinterpret_cast<const U8*>(&prefix)[20], 8);
+
+  struct Row {
+    const char* fault;
+    U8 bytes[21];
+    const char* prefix;  // null: refused
+  };
+  const Row rows[] = {
+      {"none",
+       {0, 0, 0, 1, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8},
+       "10.0.0.1/8"                                                              },
+      {"tail of IPv4",
+       {0, 0, 0, 1, 10, 0, 0, 1, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 32},
+       "10.0.0.1/32"                                                             },
+      {"bytes without a family", {0, 0, 0, 0, 10, 0, 0, 1, 9},            ""     },
+      {"unknown family",         {0, 0, 0, 3, 10, 0, 0, 1},               nullptr},
+      {"family in another byte", {1, 0, 0, 0, 10, 0, 0, 1},               nullptr},
+      {"33 bits of IPv4",
+       {0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 33},
+       nullptr                                                                   },
+      {"129 bits of IPv6",
+       {0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 129},
+       nullptr                                                                   },
+      {"1 bit of nothing",
+       {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
+       nullptr                                                                   },
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.fault);
+    Kop::NboAttrLog::In in(row.bytes, sizeof row.bytes);
+    if (row.prefix)
+      EXPECT_EQ(IpGenPrefix(in).stringValue(), row.prefix);
+    else
+      EXPECT_THROW(IpGenPrefix{in}, Kop::LogCorruptException);
+  }
+}
+
+// Catches a length that is read loosely or goes beyond its address.
+TEST(IpGenPrefixText, lengths) {
+  for (const char* text :
+       {"", "10.0.0.1/8", "0.0.0.0/0", "::/0", "2001:db8::/128", "1.2.3.4/32"})
+    EXPECT_EQ(IpGenPrefix{Kop::String(text)}.stringValue(), text);
+  for (const char* text :
+       {"10.0.0.0", "10.0.0.0/", "/8", "/", "10.0.0.0/08", "10.0.0.0/+8", "10.0.0.0/8/",
+        "10.0.0.0/8 ", "10.0.0/8", "::/-1", "::/1x"})
+    expectRefused<IpGenPrefix>(text, malformed);
+  for (const char* text :
+       {"10.0.0.0/33", "::/129", "10.0.0.0/4294967304", "10.0.0.256/8"})
+    expectRefused<IpGenPrefix>(text, range);
+  EXPECT_THROW(IpGenPrefix(IpGenAddr("1.2.3.4"), 33), Kop::RangeException);
+  EXPECT_THROW(IpGenPrefix(IpGenAddr(), 1), Kop::RangeException);
+
+  EXPECT_TRUE(IpGenPrefix("0.0.0.0/0").isNullPrefix());
+  EXPECT_TRUE(IpGenPrefix("::/0").isNullPrefix());
+  EXPECT_FALSE(IpGenPrefix().isNullPrefix());
+  EXPECT_FALSE(IpGenPrefix("10.0.0.0/0").isNullPrefix());
+  EXPECT_FALSE(IpGenPrefix("0.0.0.0/8").isNullPrefix());
+}
