@@ -1,5 +1,7 @@
 #include "Hivel/Server.h"
 
+#include <charconv>
+
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,6 +24,35 @@ constexpr std::size_t answersLimit = 1 << 20;
 std::string Peer::text() const {
   return (name.empty() ? std::string("unnamed") : name) + " (pid " + std::to_string(pid) +
          ", uid " + std::to_string(uid) + ")";
+}
+
+Rule parseRule(std::string_view text) {
+  const auto bad = [&](const std::string& what) {
+    return Kop::RangeException("rule '" + std::string(text) + "': " + what +
+                               "; write PREFIX:UID:RIGHTS, as in tunnel/decap:1000:rw");
+  };
+  const std::size_t first = text.find(':'), last = text.rfind(':');
+  if (first == text.npos || first == last) throw bad("two ':' are needed");
+  const std::string_view prefix = text.substr(0, first),
+                         uid = text.substr(first + 1, last - first - 1),
+                         rights = text.substr(last + 1);
+  Rule rule;
+  if (prefix != "*") {
+    checkPath(prefix);
+    rule.prefix = prefix;
+  }
+  if (uid != "*") {
+    U32 number = 0;
+    const auto [end, error] = std::from_chars(uid.begin(), uid.end(), number);
+    if (error != std::errc() || end != uid.end())
+      throw bad("'" + std::string(uid) + "' is no user number and not '*'");
+    rule.uid = number;
+  }
+  if (rights != "r" && rights != "w" && rights != "rw" && rights != "-")
+    throw bad("'" + std::string(rights) + "' is none of r, w, rw and -");
+  rule.read = rights[0] == 'r';
+  rule.write = rights.back() == 'w';
+  return rule;
 }
 
 Server::Server(Database& database, ServerOptions options)

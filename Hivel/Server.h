@@ -40,6 +40,10 @@ struct Rule {
   bool write = false;
 };
 
+// A rule as PREFIX:UID:RIGHTS; '*' for every path or user; r, w, rw or - for none.
+// Errors   Kop::RangeException.
+KOP_EXPORT Rule parseRule(std::string_view text);
+
 struct ServerOptions {
   std::string socketPath;
   U32 mode = 0660;           // of the socket
