@@ -17,6 +17,7 @@ using HashWords::Word;
 constexpr U64 allHashes = U64{1} << 32;
 constexpr U32 highestHash = 0xfffffffc;
 constexpr U32 firstCapacity = 6;
+constexpr U32 doublingUpTo = 192;  // entries are cheap to move in order, memory is not
 
 // Three quarters: at more, the clusters that an insert has to move grow quickly.
 constexpr U32 limitOf(U32 capacity) {
@@ -38,7 +39,7 @@ constexpr U32 grown(U32 capacity) {
   if (capacity < firstCapacity) return firstCapacity;
   if (capacity > 0xc0000000u / 2)
     throw std::length_error("HashMap2018: too many entries");
-  return capacity * 2;
+  return capacity < doublingUpTo ? capacity * 2 : capacity + capacity / 2;
 }
 
 struct Shape {
@@ -78,7 +79,6 @@ template <class F>
 void withMove(const HashMap2018VTable& table, F&& f) {
   if (table.nodeShift) return f(MoveShift{table.nodeShift});
   switch (table.entrySize) {
-    case 2: return f(MoveFixed<2>());
     case 4: return f(MoveFixed<4>());
     case 8: return f(MoveFixed<8>());
     case 12: return f(MoveFixed<12>());
@@ -265,13 +265,25 @@ bool HashMap2018Generic::makeRoom() {
   return true;
 }
 
-// The entries have piled up at the end: the map grows when it would soon anyway; is scaled
-// anew when they lie behind what the scale was made for; else many hashes lie close together,
-// and the rebuild adds the slots that they need.
+// The entries have piled up at the end. Either the map is nearly full, and grows now. Or they
+// lie behind what the scale was made for: contents that came in walk order are no longer
+// extended in that order. Then the capacity becomes what the whole range needs at the density
+// that the contents have, within reason. Or many hashes are close together, and the rebuild
+// adds the slots that they need.
 void HashMap2018Generic::overflow(Word word) {
   const U32 capacity = head().capacity;
-  const bool nearlyFull = count_ >= head().limit - head().limit / 8;
-  rebuild(nearlyFull ? grown(capacity) : capacity, std::max(highest(), mixedOf(word)));
+  const U64 end = U64{highest()} + 1, wanted = U64{mixedOf(word)} + 1;
+  if (count_ >= head().limit - head().limit / 8) {
+    rebuild(grown(capacity), static_cast<U32>(std::max(end, wanted) - 1));
+  } else if (wanted > end + end / 4 && scale_ > capacity) {
+    const U64 most = U64{capacityFor(count_)} * 4;
+    const U64 whole = capacityFor(count_) * (allHashes / 64) / (end / 64 + 1);
+    rebuild(
+        static_cast<U32>(std::clamp<U64>(whole, capacity, std::max<U64>(most, capacity))),
+        highestHash);
+  } else {
+    rebuild(capacity, static_cast<U32>(std::max(end, wanted) - 1));
+  }
 }
 
 void HashMap2018Generic::reserve(U32 entries) {
@@ -298,9 +310,8 @@ void HashMap2018Generic::assignOp(const HashMap2018Generic& other) {
           static_cast<std::byte*>(fresh.entries_) + slot * table_->entrySize;
       void* to = entry;
       if (nodes) {
-        const U32 index = nodes->take();
-        std::memcpy(entry, &index, sizeof index);
-        to = nodes->at(index);
+        to = nodes->take();
+        std::memcpy(entry, &to, sizeof to);
       }
       if (table_->nodeCopy)
         table_->nodeCopy(to, other.nodeG(i));
@@ -433,57 +444,51 @@ void HashMap2018IteratorGeneric::advance() {
   standAt(map_->liveFrom(slot + there));
 }
 
+HashMap2018Pool::HashMap2018Pool(U32 nodeSize, U32 nodeAlign)
+    : align_(std::max<std::size_t>(nodeAlign, alignof(Chunk))) {
+  const std::size_t align = std::max<std::size_t>(nodeAlign, alignof(Free));
+  nodeSize_ = (std::max<std::size_t>(nodeSize, sizeof(Free)) + align - 1) / align * align;
+}
+
 HashMap2018Pool::~HashMap2018Pool() {
-  for (U32 i = 0; i < chunkCount_; ++i)
-    ::operator delete(chunks_[i], std::align_val_t(align_));
-  delete[] chunks_;
-}
-
-U32 HashMap2018Pool::take() {
-  if (freeCount_ > 0) {
-    const U32 index = freeHead_;
-    std::memcpy(&freeHead_, at(index), sizeof freeHead_);
-    --freeCount_;
-    return index;
+  while (Chunk* const chunk = chunks_) {
+    chunks_ = chunk->next;
+    ::operator delete(chunk, std::align_val_t(align_));
   }
-  const U32 v = next_ + smallest;
-  const U32 chunk = v >= largest ? constantFrom + v / largest
-                                 : 29 - static_cast<U32>(std::countl_zero(v));
-  if (chunk == chunkCount_) {
-    if (chunkCount_ == chunkRoom_) {
-      const U32 room = chunkRoom_ * 2 + 2;
-      std::byte** const more = new std::byte*[room];
-      std::copy_n(chunks_, chunkCount_, more);
-      delete[] chunks_;
-      chunks_ = more;
-      chunkRoom_ = room;
-    }
-    chunks_[chunk] = static_cast<std::byte*>(::operator new (
-        std::size_t{chunkNodes(chunk)} * slotSize_, std::align_val_t(align_)));
-    ++chunkCount_;
+}
+
+void* HashMap2018Pool::take() {
+  void* node = free_;
+  if (node) {
+    free_ = free_->next;
+  } else {
+    if (fresh_ == freshEnd_) chunkAdd();
+    node = fresh_;
+    fresh_ += nodeSize_;
   }
-  return next_++;
+  ++used_;
+  return node;
 }
 
-void HashMap2018Pool::give(U32 index) noexcept {
-  std::memcpy(at(index), &freeHead_, sizeof freeHead_);
-  freeHead_ = index;
-  ++freeCount_;
-}
-
-std::size_t HashMap2018Pool::memory() const {
-  std::size_t nodes = 0;
-  for (U32 i = 0; i < chunkCount_; ++i)
-    nodes += chunkNodes(i);
-  return nodes * slotSize_ + chunkRoom_ * sizeof *chunks_;
+void HashMap2018Pool::chunkAdd() {
+  const std::size_t nodes = std::clamp(nodes_, 4u, 4096u);
+  const std::size_t from = (sizeof(Chunk) + align_ - 1) / align_ * align_;
+  const std::size_t size = from + nodes * nodeSize_;
+  std::byte* const memory =
+      static_cast<std::byte*>(::operator new(size, std::align_val_t(align_)));
+  chunks_ = ::new (memory) Chunk{chunks_, size};
+  fresh_ = memory + from;
+  freshEnd_ = memory + size;
+  memory_ += size;
+  nodes_ += static_cast<U32>(nodes);
 }
 
 void HashMap2018Pool::verify(U32 count) const {
-  KOP_ASSERT(next_ - freeCount_ == count, "next_ - freeCount_ == count", "HashMap2018");
-  U32 free = 0;
-  for (U32 index = freeHead_; index != 0xffffffffu && free <= freeCount_; ++free)
-    std::memcpy(&index, at(index), sizeof index);
-  KOP_ASSERT(free == freeCount_, "free == freeCount_", "HashMap2018");
+  KOP_ASSERT(used_ == count, "used_ == count", "HashMap2018");
+  std::size_t unused = static_cast<std::size_t>(freshEnd_ - fresh_) / nodeSize_;
+  for (const Free* node = free_; node && unused <= nodes_; node = node->next)
+    ++unused;
+  KOP_ASSERT(nodes_ - used_ == unused, "nodes_ - used_ == unused", "HashMap2018");
 }
 
 }  // namespace Kop

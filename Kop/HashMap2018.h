@@ -20,6 +20,7 @@ struct MapNode {
   static constexpr bool nodeIsRelocatable = isRelocatable<K> && isRelocatable<V>;
 
   template <class... A>
+    requires std::is_constructible_v<V, A...>
   explicit MapNode(const K& key, A&&... args)
       : key_(key), value(std::forward<A>(args)...) {}
   const K& key() const { return key_; }
@@ -182,7 +183,7 @@ class HashMap2018 : public HashMap2018Generic {
       sizeof(Node) > HashMap2018Detail::largestInline ||
       !(relocatable || std::is_nothrow_move_constructible_v<Node>);
   static constexpr unsigned farAfter = 4;  // looks at eight words before a binary search
-  using Entry = std::conditional_t<pooled, U32, Node>;
+  using Entry = std::conditional_t<pooled, Node*, Node>;
 
   static Word wordOf(const K& key) { return HashWords::wordOf(hashOfKey(key)); }
   static bool isKey(const Node* node, const K& key) {
@@ -191,11 +192,10 @@ class HashMap2018 : public HashMap2018Generic {
   Entry* entries() const { return static_cast<Entry*>(entries_); }
   Node* node(std::size_t slot) const {
     if constexpr (pooled)
-      return static_cast<Node*>(head().pool->at(entries()[slot], poolSlot));
+      return entries()[slot];
     else
       return entries() + slot;
   }
-  static constexpr U32 poolSlot = sizeof(Node) < 4 ? 4 : sizeof(Node);
 
   std::size_t slotOf(const K& key, Word word) const;
   std::size_t placeOf(const K& key, Word word, bool& found) const;
@@ -352,8 +352,8 @@ struct HashMap2018Detail::Table {
   static constexpr HashMap2018VTable table = {
       sizeof(typename Map::Entry),
       alignof(typename Map::Entry),
-      Map::pooled ? Map::poolSlot : static_cast<U32>(sizeof(N)),
-      alignof(N) < 4 ? 4 : alignof(N),
+      sizeof(N),
+      alignof(N),
       Map::pooled,
       Map::pooled || Map::relocatable ? nullptr : &shift,
       std::is_trivially_destructible_v<N> ? nullptr : &release,

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "Kop/Assert.h"
@@ -21,7 +23,7 @@
 // erased entry leaves an empty slot, or a ghost where the search for a later entry must go on.
 // Nothing moves then; an insert moves entries only up to the nearest free slot.
 //
-// An entry is the node itself, or the node's number in a pool of nodes that never move.
+// An entry is the node itself, or a pointer to it in a pool of nodes that never move.
 //
 // The scale is the capacity itself for contents that fill the whole range of hashes. While a
 // map is filled in walk order, its contents end far below: the scale is then chosen so that
@@ -32,43 +34,40 @@ namespace Kop {
 
 class HashMap2018Generic;
 
-// Nodes that stay where they are. The first chunks double, from 4 nodes to 2048; from then
-// on each holds 4096, so that at most that many are held for nothing.
+// Nodes that stay where they are. Chunks double from 4 nodes to 4096.
 class KOP_EXPORT HashMap2018Pool {
  public:
-  HashMap2018Pool(U32 slotSize, U32 align) : slotSize_(slotSize), align_(align) {}
+  HashMap2018Pool(U32 nodeSize, U32 nodeAlign);
   HashMap2018Pool(const HashMap2018Pool&) = delete;
   HashMap2018Pool& operator=(const HashMap2018Pool&) = delete;
   ~HashMap2018Pool();
 
-  void* at(U32 index, U32 slotSize) const {
-    const U32 v = index + smallest;
-    if (v >= largest)
-      return chunks_[constantFrom + v / largest] + std::size_t{v % largest} * slotSize;
-    const U32 log = 31 - static_cast<U32>(std::countl_zero(v));
-    return chunks_[log - 2] + std::size_t{v - (1u << log)} * slotSize;
+  void* take();  // throws std::bad_alloc
+  void give(void* node) noexcept {
+    ::new (node) Free{free_};
+    free_ = static_cast<Free*>(node);
+    --used_;
   }
-  void* at(U32 index) const { return at(index, slotSize_); }
-  U32 take();  // throws std::bad_alloc
-  void give(U32 index) noexcept;
-  std::size_t memory() const;
+  std::size_t memory() const { return memory_; }
   void verify(U32 count) const;
 
  private:
-  static constexpr U32 smallest = 4;
-  static constexpr U32 largest = 4096;
-  static constexpr U32 constantFrom = 9;  // ten doubling chunks, then v / largest is 1
+  struct Free {
+    Free* next;
+  };
+  struct Chunk {
+    Chunk* next;
+    std::size_t size;
+  };
+  void chunkAdd();
 
-  static U32 chunkNodes(U32 chunk) { return chunk < 10 ? smallest << chunk : largest; }
-
-  std::byte** chunks_ = nullptr;
-  U32 chunkCount_ = 0;
-  U32 chunkRoom_ = 0;
-  U32 slotSize_;
-  U32 align_;
-  U32 next_ = 0;                // never used so far
-  U32 freeHead_ = 0xffffffffu;  // a free node's first four bytes hold the next one
-  U32 freeCount_ = 0;
+  std::size_t nodeSize_, align_;
+  Free* free_ = nullptr;
+  std::byte* fresh_ = nullptr;  // never used so far, up to freshEnd_
+  std::byte* freshEnd_ = nullptr;
+  Chunk* chunks_ = nullptr;
+  std::size_t memory_ = 0;
+  U32 nodes_ = 0, used_ = 0;
 };
 
 // One per node type. A null function means that the bytes may be copied, that nothing need be
@@ -78,7 +77,7 @@ struct HashMap2018VTable {
   U32 entryAlign;
   U32 nodeSize;  // bytes of a node in the pool
   U32 nodeAlign;
-  bool pooled;  // entries are numbers of nodes in the pool
+  bool pooled;                                       // entries are pointers into the pool
   void (*nodeShift)(void* to, void* from) noexcept;  // moves an entry to raw memory
   void (*bucketRelease)(void* node) noexcept;        // destroys a node
   void (*nodeCopy)(void* to, const void* from);      // constructs a copy in raw memory
@@ -152,7 +151,7 @@ class KOP_EXPORT HashMap2018Generic {
   std::size_t slots() const { return head().slots; }
   void* nodeG(std::size_t slot) const {
     std::byte* entry = static_cast<std::byte*>(entries_) + slot * table_->entrySize;
-    return table_->pooled ? head().pool->at(*reinterpret_cast<U32*>(entry)) : entry;
+    return table_->pooled ? *reinterpret_cast<void**>(entry) : entry;
   }
   // The first live slot at or behind `slot`; slots() when there is none.
   std::size_t liveFrom(std::size_t slot) const {
@@ -181,9 +180,13 @@ class KOP_EXPORT HashMap2018Generic {
 
   const Head& head() const { return reinterpret_cast<const Head*>(words_)[-1]; }
   Head& head() { return reinterpret_cast<Head*>(words_)[-1]; }
+  // The limit is a branch that is as good as never taken; a conditional move would make every
+  // look-up wait for it.
   std::size_t home(Word word) const {
     const U64 scaled = U64{HashWords::mixedOf(word)} * scale_ >> 32;
-    return std::min(scaled, U64{homeMax_});
+    if (scaled > homeMax_) [[unlikely]]
+      return homeMax_;
+    return scaled;
   }
   std::size_t nextFree(std::size_t slot) const {
     for (;; slot += 16)

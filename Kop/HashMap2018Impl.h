@@ -12,13 +12,13 @@ inline std::size_t HashMap2018<N, K>::slotOf(const K& key, Word word) const {
   std::size_t slot = home(word);
   __builtin_prefetch(entries() + slot);
   for (unsigned looks = 0; looks < farAfter; ++looks, slot += 8) {
-    const HashWords::Sight sight = HashWords::look8(words_ + slot, word);
-    for (unsigned equal = sight.equal; equal; equal &= equal - 1) {
+    for (unsigned equal = HashWords::equal8(words_ + slot, word); equal;
+         equal &= equal - 1) {
       const std::size_t i = slot + HashWords::lowest(equal);
       if (isKey(node(i), key)) [[likely]]
         return i;
     }
-    if (sight.behind) return nowhere;
+    if (HashWords::endsIn8(words_ + slot, word)) return nowhere;
   }
   bool found;
   const std::size_t far = placeFar(key, word, slot - 8 * farAfter, found);
@@ -32,16 +32,16 @@ std::size_t HashMap2018<N, K>::placeOf(const K& key, Word word, bool& found) con
   std::size_t slot = start;
   __builtin_prefetch(entries() + slot, 1);
   for (unsigned looks = 0; looks < farAfter; ++looks, slot += 8) {
-    const HashWords::Sight sight = HashWords::look8(words_ + slot, word);
-    for (unsigned equal = sight.equal; equal; equal &= equal - 1) {
+    for (unsigned equal = HashWords::equal8(words_ + slot, word); equal;
+         equal &= equal - 1) {
       const std::size_t i = slot + HashWords::lowest(equal);
       const Node* const node = this->node(i);
       found = isKey(node, key);
       if (found || KeyOps<K>::less(key, node->key())) return i;
     }
-    if (sight.behind) {
+    if (HashWords::endsIn8(words_ + slot, word)) {
       found = false;
-      return slot + HashWords::lowest(sight.behind);
+      return slot + HashWords::lowest(HashWords::behind8(words_ + slot, word));
     }
   }
   return placeFar(key, word, start, found);
@@ -126,18 +126,17 @@ std::pair<N*, bool> HashMap2018<N, K>::insertHashed(const K& key, U32 hash, A&&.
     }
     struct Fresh {
       HashMap2018Pool* pool;
-      U32 index = pool->take();
-      Node* node = nullptr;
+      void* memory;
+      Node* node;
       ~Fresh() {
         if (!pool) return;
         if (node) node->~Node();
-        pool->give(index);
+        pool->give(memory);
       }
-    } fresh{pool};
-    void* const memory = pool->at(fresh.index, poolSlot);
-    fresh.node = ::new (memory) Node(key, std::forward<A>(args)...);
+    } fresh{pool, pool->take(), nullptr};
+    fresh.node = ::new (fresh.memory) Node(key, std::forward<A>(args)...);
     slot = openEntry(slot, word, fresh.node->key());
-    entries()[slot] = fresh.index;
+    entries()[slot] = fresh.node;
     fresh.pool = nullptr;
     return {fresh.node, true};
   } else {
@@ -168,15 +167,14 @@ bool HashMap2018<N, K>::eraseHashed(const K& key, U32 hash) {
   const std::size_t slot = slotOf(key, HashWords::wordOf(hash));
   if (slot == nowhere) return false;
   if constexpr (std::is_trivially_destructible_v<Node>) {
-    if constexpr (pooled) head().pool->give(entries()[slot]);
+    if constexpr (pooled) head().pool->give(node(slot));
     closeWord(slot);
   } else if constexpr (pooled) {
     HashMap2018Pool* const pool = head().pool;
-    const U32 index = entries()[slot];
     Node* const node = this->node(slot);
     closeWord(slot);
     node->~Node();
-    pool->give(index);
+    pool->give(node);
   } else {
     alignas(Node) std::byte memory[sizeof(Node)];
     relocate(memory, node(slot));
@@ -193,7 +191,7 @@ bool HashMap2018<N, K>::eraseHashed(const K& key, U32 hash, std::optional<Node>&
   Node* const node = this->node(slot);
   out.emplace(std::move(*node));
   node->~Node();
-  if constexpr (pooled) head().pool->give(entries()[slot]);
+  if constexpr (pooled) head().pool->give(node);
   closeWord(slot);
   return true;
 }
