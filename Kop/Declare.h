@@ -217,11 +217,29 @@ constexpr bool numberIsOwn(U32 number, U32 first) {
   KOP_WRAPPED(N, Kop##Name##Map, name)
 
 // KOP_ORDERED_MAP(4, via, Via, MplsVia, bool): a map in the order of its keys' `<`.
-#define KOP_ORDERED_MAP(N, name, Name, K, V)   \
- public:                                       \
-  using Kop##Name##Map = Kop::RbTreeMap<K, V>; \
-  using Kop##Name = Kop##Name##Map::Node;      \
-  KOP_VALUE_MAP_ACCESS_(name, K, V)            \
+#define KOP_ORDERED_MAP(N, name, Name, K, V)       \
+ public:                                           \
+  using Kop##Name##Map = Kop::RbTreeMap<K, V>;     \
+  using Kop##Name = Kop##Name##Map::Node;          \
+  V name(const K& key) const {                     \
+    const Kop##Name* node = name##_.find(key);     \
+    return node ? node->value() : V();             \
+  }                                                \
+  bool name##Has(const K& key) const {             \
+    return name##_.has(key);                       \
+  }                                                \
+  void name##Is(const K& key, const V& value) {    \
+    if (Kop##Name* const node = name##_.find(key)) \
+      node->valueIs(value);                        \
+    else                                           \
+      name##_.insert(key, value);                  \
+  }                                                \
+  void name##Del(const K& key) {                   \
+    name##_.del(key);                              \
+  }                                                \
+  void name##DelAll() {                            \
+    name##_.clear();                               \
+  }                                                \
   KOP_WRAPPED(N, Kop##Name##Map, name)
 
 // ---------------------------------------------------------------------------------------

@@ -73,7 +73,10 @@ struct ElementOpsOf {
       return nullptr;
   }
   static constexpr std::string_view valueName() {
-    return valueOps() ? valueOps()->name : "bool";
+    if constexpr (isHashSet<A>)
+      return "bool";
+    else
+      return valueOps()->name;
   }
   static constexpr std::array<std::string_view, 1> keyNames{keyOps()->name};
   static constexpr ElementOps ops{keyOps(), valueOps(), count, each, insert};
