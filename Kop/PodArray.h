@@ -162,7 +162,7 @@ void strepWrite(TextOut& out, const PodArray<T, Index, N>& array) {
     strepWriteQuoted(out, {reinterpret_cast<const char*>(array.data()), array.count()});
   } else {
     out.append('[');
-    std::string_view separator;
+    std::string_view separator = "";
     for (const T& element : array) {
       out.append(separator);
       strepWrite(out, element);

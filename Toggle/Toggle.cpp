@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <rapidjson/error/en.h>
-#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 
 namespace Toggle {
@@ -37,10 +36,35 @@ int readFile(const std::string& path, std::string& contents) {
   return error;
 }
 
+// What the parser reads, and where it puts unescaped strings: never behind its read position.
+// A stream of its own kind, because the parser works on copies of the kinds it knows, and
+// events could then not ask where it stands.
+class Input {
+ public:
+  using Ch = char;
+
+  explicit Input(std::string& text)
+      : begin_(text.data()), at_(begin_), end_(begin_ + text.size()) {}
+  char Peek() const { return at_ < end_ ? *at_ : '\0'; }
+  char Take() { return at_ < end_ ? *at_++ : '\0'; }
+  std::size_t Tell() const { return static_cast<std::size_t>(at_ - begin_); }
+
+  char* PutBegin() { return put_ = at_; }
+  void Put(char c) { *put_++ = c; }
+  std::size_t PutEnd(const char* from) { return static_cast<std::size_t>(put_ - from); }
+  void Flush() {}
+
+ private:
+  char* begin_;
+  char* at_;
+  char* end_;
+  char* put_ = nullptr;
+};
+
 // Takes the parser's events and stops it at the first that a toggle file must not have.
 class Events : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Events> {
  public:
-  Events(std::string_view text, const rapidjson::MemoryStream& at, std::string_view name)
+  Events(std::string_view text, const Input& at, std::string_view name)
       : text_(text), at_(at), name_(name) {}
 
   bool StartObject() {
@@ -60,7 +84,6 @@ class Events : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Events> {
     return read();
   }
   bool Default() { return notBoolean(); }  // null, numbers, strings
-  bool RawNumber(const char*, rapidjson::SizeType, bool) { return notBoolean(); }
   bool String(const char*, rapidjson::SizeType, bool) { return notBoolean(); }
   bool StartArray() { return notBoolean(); }
 
@@ -87,7 +110,7 @@ class Events : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Events> {
   }
 
   std::string_view text_;
-  const rapidjson::MemoryStream& at_;
+  const Input& at_;
   std::string_view name_;
   std::set<std::string> names_;
   std::string key_;  // the name that was read last
@@ -136,14 +159,16 @@ bool state(const char* name, const char* file, bool dflt) {
                                  std::string("cannot read: ") + std::strerror(error));
   }
 
-  // Numbers are handed over as they are written: no toggle has one, and reading them could
-  // fail before the event that tells so.
+  // Strings are unescaped in place, in a copy: the places of errors are those of the file.
   constexpr unsigned flags =
-      rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag;
-  rapidjson::MemoryStream stream(text.data(), text.size());
+      rapidjson::kParseInsituFlag | rapidjson::kParseValidateEncodingFlag;
+  std::string scratch = text;
+  Input stream(scratch);
   Events events(text, stream, name);
   rapidjson::Reader reader;
   const rapidjson::ParseResult result = reader.Parse<flags>(stream, events);
+  // The one number that has no event.
+  if (result.Code() == rapidjson::kParseErrorNumberTooBig) events.Default();
   if (!events.reason().empty()) refuseAt(path, text, events.offset(), events.reason());
   if (result.IsError()) {
     const std::size_t offset = result.Offset();
@@ -152,7 +177,7 @@ bool state(const char* name, const char* file, bool dflt) {
     refuseAt(path, text, offset,
              std::string("not JSON: ") + rapidjson::GetParseError_En(result.Code()));
   }
-  // The parser takes a NUL byte for the end of its input.
+  // A NUL byte is the end of its input to the parser.
   if (stream.Tell() != text.size())
     refuseAt(path, text, stream.Tell(), "text behind the object");
   return events.value(dflt);

@@ -1,0 +1,133 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Toggle/Toggle.h"
+
+namespace fs = std::filesystem;
+
+class ToggleFile : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "toggle-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    directory = pattern;
+    setenv("TOGGLE_DIR", directory.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("TOGGLE_DIR");
+    fs::remove_all(directory);
+  }
+  void contentsIs(std::string_view contents) {
+    std::ofstream file(directory / "T.json", std::ios::binary);
+    file << contents;
+  }
+  fs::path directory;
+};
+
+// Catches an answer that is kept from an earlier call, and a default that hides a toggle.
+TEST_F(ToggleFile, statesAndDefaults) {
+  EXPECT_TRUE(getToggleState("A", "T.json", true));  // no file
+  EXPECT_FALSE(getToggleState("A", "T.json", false));
+  contentsIs(" {\"A\" : true,\r\n\t\"B\":false, \"\\u00e4\": true } \n");
+  EXPECT_TRUE(getToggleState("A", "T.json", false));
+  EXPECT_FALSE(getToggleState("B", "T.json", true));
+  EXPECT_TRUE(getToggleState("ä", "T.json", false));  // names are compared unescaped
+  EXPECT_TRUE(getToggleState("a", "T.json", true));
+  EXPECT_FALSE(getToggleState("", "T.json", false));
+  contentsIs("{}");
+  EXPECT_FALSE(getToggleState("A", "T.json", false));
+  contentsIs("{\"A\":false}");
+  EXPECT_FALSE(getToggleState("A", "T.json", true));
+  setenv("TOGGLE_DIR", "/nonexistent/directory", 1);
+  EXPECT_TRUE(getToggleState("A", "T.json", true));
+}
+
+// Catches a damaged file that is taken in part, and an error that sends its reader to the
+// wrong place.
+TEST_F(ToggleFile, malformedFilesAreRefusedWithTheirPlace) {
+  struct Row {
+    std::string_view contents;
+    std::size_t line, column;
+    const char* reason;
+  };
+  constexpr std::string_view textBehindNul("{\"A\": true}\n\0x", 14);
+  const Row rows[] = {
+      {"",                                            1, 1,  "not JSON"                           },
+      {"\n\n  ",                                      3, 3,  "not JSON"                           },
+      {"{",                                           1, 2,  "not JSON"                           },
+      {"{\n  \"A\": true,\n}",                        3, 1,  "not JSON"                           },
+      {"{\n  \"A\" true\n}",                          2, 7,  "not JSON"                           },
+      {"{\n\"A\": tru}",                              2, 9,  "not JSON"                           },
+      {"{\n\"A\": true\n\"B\": true}",                3, 1,  "not JSON"                           },
+      {"{'A': true}",                                 1, 2,  "not JSON"                           },
+      {"{\"A\n\": true}",                             1, 4,  "not JSON"                           },
+      {"// why\n{}",                                  1, 1,  "not JSON"                           },
+      {"{\"\xff\": true}",                            1, 3,  "not JSON"                           },
+      {"\xef\xbb\xbf{}",                              1, 1,  "not JSON"                           },
+      {"[]",                                          1, 1,  "not a JSON object"                  },
+      {"\n true",                                     2, 2,  "not a JSON object"                  },
+      {"null",                                        1, 1,  "not a JSON object"                  },
+      {"\"A\"",                                       1, 1,  "not a JSON object"                  },
+      {"{\"A\\nB\": true, \"\\u0043\": 1}",           1, 26, "the value of \"C\" is not a boolean"},
+      {"{\"A\": 1}",                                  1, 7,  "the value of \"A\" is not a boolean"},
+      {"{\"A\": true,\n \"B\":\n  \"true\"}",         3, 3,
+       "the value of \"B\" is not a boolean"                                                      },
+      {"{\"A\": null}",                               1, 7,  "the value of \"A\" is not a boolean"},
+      {"{\"A\": {\"B\": true}}",                      1, 7,  "the value of \"A\" is not a boolean"},
+      {"{\"A\": [[[[true]]]]}",                       1, 7,  "the value of \"A\" is not a boolean"},
+      {"{\"A\": 1e999999}",                           1, 7,  "the value of \"A\" is not a boolean"},
+      {"{\"A\": true,\n\n\"B\": false, \"A\": true}", 3, 13, "\"A\" stands here again"            },
+      {"{\"A\": true,\n \"\\u0041\": true}",          2, 2,  "\"A\" stands here again"            },
+      {"{}\n{}",                                      2, 1,  "text behind the object"             },
+      {"{\"A\": true}\n x",                           2, 2,  "text behind the object"             },
+      {textBehindNul,                                 2, 1,  "text behind the object"             },
+  };
+  const std::string path = (directory / "T.json").string();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.contents);
+    contentsIs(row.contents);
+    for (const char* name : {"A", "another"}) {
+      try {
+        getToggleState(name, "T.json", true);
+        ADD_FAILURE() << "taken";
+      } catch (const Toggle::MalformedFileException& error) {
+        const std::string head = path + ":" + std::to_string(row.line) + ":" +
+                                 std::to_string(row.column) + ": " + row.reason;
+        EXPECT_EQ(std::string(error.what()).substr(0, head.size()), head) << error.what();
+        EXPECT_EQ(error.line(), row.line);
+        EXPECT_EQ(error.column(), row.column);
+      }
+    }
+  }
+  // Nothing of the failure is kept.
+  contentsIs("{\"A\": true}");
+  EXPECT_TRUE(getToggleState("A", "T.json", false));
+}
+
+// Catches a file that is there but cannot be read and counts as absent.
+TEST_F(ToggleFile, unreadableIsNotAbsent) {
+  fs::create_directory(directory / "T.json");
+  fs::create_symlink("loop", directory / "loop");
+  std::ofstream(directory / "plain") << "{}";
+  struct Row {
+    const char* file;
+    const char* reason;
+  };
+  for (const Row& row : {
+           Row{"T.json",       "cannot read: Is a directory"                   },
+           Row{"loop",         "cannot read: Too many levels of symbolic links"},
+           Row{"plain/T.json", "cannot read: Not a directory"                  }
+  }) {
+    try {
+      getToggleState("A", row.file, true);
+      ADD_FAILURE() << row.file;
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(error.what(), (directory / row.file).string() + ":0:0: " + row.reason);
+    }
+  }
+}
