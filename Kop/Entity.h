@@ -191,6 +191,7 @@ template <class T, U32... I>
 class OwnReactions<T, std::integer_sequence<U32, I...>>
     : public decltype(T::kopReaction(Number<T::kopFirst + I>{}))... {
  protected:
+  ~OwnReactions() = default;
   template <class Derived>
   static bool react(Derived& self, AttributeId attribute, const void* key) {
     return ((attribute == T::kopFirst + I &&
@@ -205,6 +206,7 @@ class Reactions
     : public Reactions<typename T::KopBase>,
       public OwnReactions<T, std::make_integer_sequence<U32, ownEntityRows<T>()>> {
  protected:
+  ~Reactions() = default;
   template <class Derived>
   static void react(Derived& self, AttributeId attribute, const void* key) {
     using Own = OwnReactions<T, std::make_integer_sequence<U32, ownEntityRows<T>()>>;
@@ -215,6 +217,7 @@ class Reactions
 template <>
 class Reactions<void> {
  protected:
+  ~Reactions() = default;
   template <class Derived>
   static void react(Derived&, AttributeId, const void*) {}
 };
