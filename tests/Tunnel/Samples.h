@@ -1,0 +1,81 @@
+#pragma once
+
+#include <random>
+#include <string>
+
+#include "Tunnel/DecapGroupHivelTypes.h"
+#include "Tunnel/TunnelBasicTypes.h"
+#include "Tunnel/TunnelIntfId.h"
+
+// Random values of any declared type, made from its rows. Half of all attributes come from a
+// handful of numbers, so that equal values and values that differ in one attribute only are
+// as frequent as others.
+
+namespace Samples {
+
+constexpr U32 seed = 20181;  // printed by who loops over it
+using Random = std::mt19937;
+
+inline U64 word(Random& random) {
+  const U64 any = U64{random()} << 32 | random();
+  return any % 2 == 0 ? any >> 1 & 3 : any >> (any >> 1 & 63);
+}
+
+template <class T>
+T sample(Random& random);
+
+template <class K>
+void fill(Random& random, Kop::HSet<K>& set) {
+  for (U32 left = random() % 4; left > 0; --left)
+    set.is(sample<K>(random));
+}
+
+template <class T>
+T sample(Random& random) {
+  if constexpr (std::same_as<T, bool>) {
+    return random() % 2 == 0;
+  } else if constexpr (std::same_as<T, float>) {
+    constexpr float some[] = {0.0f, -0.0f, -1.0f, 0.1f, 1e9f, -0.5f, 3.4e38f, 1e-45f};
+    return random() % 2 == 0 ? some[random() % std::size(some)]
+                             : static_cast<float>(word(random)) / 7;
+  } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    return static_cast<T>(word(random));
+  } else if constexpr (std::same_as<T, Kop::String>) {
+    std::string text(random() % 20, 'x');
+    for (char& c : text)
+      c = static_cast<char>(random() % 2 == 0 ? random() : "'\\a\n"[random() % 4]);
+    return text;
+  } else if constexpr (std::same_as<T, Brel::ChipId>) {
+    return T(sample<U8>(random));
+  } else if constexpr (std::same_as<T, Vantor::AddressFamily>) {
+    return static_cast<T>(random() % 3);
+  } else if constexpr (std::same_as<T, Vantor::IntfId>) {
+    return T::fromValue(word(random) << (random() % 2 * 48));
+  } else if constexpr (std::same_as<T, Vantor::IpGenAddr>) {
+    U8 bytes[T::byteCount];
+    for (U8& byte : bytes)
+      byte = sample<U8>(random);
+    const U32 kind = random() % 3;
+    return kind == 0   ? T()
+           : kind == 1 ? T::fromIpv4(sample<U32>(random))
+                       : T::fromIpv6(bytes);
+  } else if constexpr (std::same_as<T, Tunnel::TunnelTable::TunnelId>) {
+    return T(word(random) & T::maxValue);
+  } else {
+    T value;
+    [&]<U32... I>(std::integer_sequence<U32, I...>) {
+      [[maybe_unused]] const auto set = [&]<class Row>(Row row) {
+        using A = typename Row::Type;
+        if constexpr (Kop::ValueCollection<A>)
+          fill(random, value.*row.member);
+        else
+          value.*row.member = sample<A>(random);
+      };
+      (set(Kop::storedRow<T, I>()), ...);
+    }
+    (std::make_integer_sequence<U32, Kop::storedCount<T>()>{});
+    return value;
+  }
+}
+
+}  // namespace Samples
