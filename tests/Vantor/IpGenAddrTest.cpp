@@ -188,7 +188,9 @@ TEST(IpGenAddrText, agreesWithTheSystem) {
       const bool isCompatible = isIpv6 &&
                                 std::string(written).find('.') != std::string::npos &&
                                 std::string(written).rfind("::ffff:", 0) != 0;
-      if (!isCompatible) ASSERT_EQ(addr.stringValue(), written);
+      if (!isCompatible) {
+        ASSERT_EQ(addr.stringValue(), written);
+      }
     } catch (const Kop::Exception&) {
       ASSERT_FALSE(isAddr) << text;
     }
@@ -250,10 +252,11 @@ TEST(IpGenAddrImage, isCanonical) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.fault);
     Kop::NboAttrLog::In in(row.bytes, sizeof row.bytes);
-    if (row.prefix)
+    if (row.prefix) {
       EXPECT_EQ(IpGenPrefix(in).stringValue(), row.prefix);
-    else
+    } else {
       EXPECT_THROW(IpGenPrefix{in}, Kop::LogCorruptException);
+    }
   }
 }
 

@@ -120,8 +120,9 @@ TYPED_TEST_P(ValueLaws, bytesOfAPeerMakeCanonicalValuesOrNone) {
       const auto again = Kop::strepToValue<TypeParam>(valueToStrep(value));
       ASSERT_EQ(again, value) << valueToStrep(value);
       ASSERT_EQ(again.hash(), value.hash());
-      if constexpr (Kop::equalIsBitwise<TypeParam>)
+      if constexpr (Kop::equalIsBitwise<TypeParam>) {
         ASSERT_EQ(std::memcmp(&again, &value, sizeof value), 0) << valueToStrep(value);
+      }
     } catch (const Kop::LogCorruptException&) {
     }
   }
@@ -141,7 +142,9 @@ TYPED_TEST_P(ValueLaws, orderEqualityAndHashAgree) {
       ASSERT_EQ((a < b) + (b < a) + (a == b), 1) << a << ' ' << b;
       ASSERT_FALSE(i < j && b < a) << a << ' ' << b;
       ASSERT_EQ(a == b, valueToStrep(a) == valueToStrep(b)) << a << ' ' << b;
-      if (a == b) ASSERT_EQ(a.hash(), b.hash()) << a;
+      if (a == b) {
+        ASSERT_EQ(a.hash(), b.hash()) << a;
+      }
     }
   }
 }

@@ -38,7 +38,7 @@ template <>
 IntfId arbitrary(Random& random) {
   const U64 types[] = {0, 1, 1, 1, 2, 3, 4, 5, 6, 19, 58, 255, random() & 255};
   const U64 type = types[below(random, std::size(types))];
-  U64 rest = (random() & (U64{1} << 56) - 1) >> below(random, 57);
+  U64 rest = (random() & ((U64{1} << 56) - 1)) >> below(random, 57);
   if (below(random, 3) == 0) rest &= ~U64{0xffffff};
   if (type == 1 && below(random, 2)) rest |= U64{1} << 50;  // an Ethernet module
   if (type == 0 && below(random, 2)) {                      // a short name
