@@ -36,10 +36,10 @@ const MemberRecord* TypeRecord::member(std::string_view memberName) const {
     if (m.name == memberName) return &m;
   return nullptr;
 }
-const MemberRecord* TypeRecord::enumerator(U32 value) const {
+const MemberRecord* TypeRecord::enumerator(U32 number) const {
   if (kind != Kind::enumeration) return nullptr;
   for (const auto& m : members)
-    if (m.value == value) return &m;
+    if (m.value == number) return &m;
   return nullptr;
 }
 const TypeRecord* ModuleDescriptor::type(std::string_view qualifiedName) const {
