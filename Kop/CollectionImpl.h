@@ -36,7 +36,20 @@ struct EntityMake {
 template <class T, U32 N>
 struct KeptKeys : NboAttrLog::CollMarks {
   using Map = typename decltype(T::kopMember(Number<N>{}))::Map;
+
+  // Room for what was announced is made eightfold at a time, behind what has arrived: it
+  // is only a peer's word.
+  void arriving(Map& map, const typename Map::Key& key) {
+    if (!keys.empty()) keys.del(key);
+    if (map.count() < roomFor || roomFor >= announced) return;
+    roomFor =
+        static_cast<U32>(std::min(U64{announced}, std::max(U64{64}, U64{8} * roomFor)));
+    map.reserve(roomFor);
+  }
+
   HSet<typename Map::Key> keys;
+  U32 announced = 0;
+  U32 roomFor = 0;
 };
 
 // The untyped face of the collection, and what both faces share.
@@ -105,13 +118,17 @@ struct CollBody {
     store(entity, key, value);
   }
 
-  static V makeChild(D& entity, const K& key, U64 identity) {
+  // With `from`, the child is the copy of one that was received there: followed before
+  // anybody hears of it, because who does may write to it.
+  static V makeChild(D& entity, const K& key, EntitySa* from, U64 identity) {
+    const Ptr<D> alive(&entity);  // an observer may drop the last reference
     const K kept(key);
     const V child = EntityMake<Child>::with(kept);
-    if (identity != 0) EntitySa::identityIs(*child, identity);
+    if (from) EntitySa::identityIs(*child, identity);
     child->readOnlyProxyIs(entity.readOnlyProxy());
     map(entity).insert(kept, child);
     child->parentIs(&entity);
+    if (from) from->childReceived(*child, identity);
     notify(entity, kept);
     return child;
   }
@@ -119,14 +136,18 @@ struct CollBody {
   static V childIs(D& entity, const K& key) {
     if (const Node* node = map(entity).find(key)) return node->value;
     EntityAccess::writable(entity);
-    return makeChild(entity, key, 0);
+    return makeChild(entity, key, nullptr, 0);
   }
 
   // Removes and tells; asks no permission.
   static bool remove(D& entity, const K& key, V* removed) {
     std::optional<Node> out;
     if (!map(entity).erase(key, out)) return false;
-    if constexpr (isChildren) out->value->parentIs(nullptr);
+    Ptr<D> alive;
+    if constexpr (isChildren) {
+      alive = Ptr<D>(&entity);  // the child's observers may drop the last reference
+      out->value->parentIs(nullptr);
+    }
     const K& gone = out->key();
     notify(entity, gone);
     if (removed) {
@@ -259,29 +280,27 @@ struct CollBody {
       const U64 identity = in.peekEntityIdentity();
       in.skip(sizeof identity);
       needEnd(in);
-      if (auto* marks = kept(sa)) marks->keys.del(key);
-      V child = get(entity, key);
-      if (child && child->identity() != identity) {
-        sa.childGone(*child);
-        remove(entity, key, nullptr);
-        child = nullptr;
-      }
-      if (!child) child = makeChild(entity, key, identity);
-      sa.childReceived(*child, identity);
+      const V child = get(entity, key);
+      const bool isSame = child && child->identity() == identity;
+      sa.childIdentityCheck(isSame ? child.get() : nullptr, identity);
+      if (auto* marks = kept(sa)) marks->arriving(map(entity), key);
+      if (isSame) return sa.childReceived(*child, identity);
+      if (child) removeReceived(entity, sa, key);
+      makeChild(entity, key, &sa, identity);
     } else if constexpr (isSet) {
       in.nextbool();
       needEnd(in);
-      if (auto* marks = kept(sa)) marks->keys.del(key);
+      if (auto* marks = kept(sa)) marks->arriving(map(entity), key);
       store(entity, key, true);
     } else {
       const V value = attrLogRead<V>(in);
       needEnd(in);
       if constexpr (kind == CollectionKind::internalMap) {
         const K own = typename Node::KeyFunktorType()(value);
-        if (auto* marks = kept(sa)) marks->keys.del(own);
+        if (auto* marks = kept(sa)) marks->arriving(map(entity), own);
         store(entity, own, value);
       } else {
-        if (auto* marks = kept(sa)) marks->keys.del(key);
+        if (auto* marks = kept(sa)) marks->arriving(map(entity), key);
         store(entity, key, value);
       }
     }
@@ -314,12 +333,10 @@ struct CollBody {
     const U32 count = in.nextU32();
     needEnd(in);
     if (marker == NboAttrLog::collBeginResumed) return;
-    // Room for what was announced, but never much on a peer's word alone.
-    constexpr U32 believed = 1 << 16;
-    if (count > map(entity).count()) map(entity).reserve(std::min(count, believed));
-    std::unique_ptr<KeptKeys<D, N>> marks;
+    auto marks = std::make_unique<KeptKeys<D, N>>();
+    marks->announced = count;
+    marks->roomFor = map(entity).count();
     if (!map(entity).empty()) {
-      marks = std::make_unique<KeptKeys<D, N>>();
       marks->keys.reserve(map(entity).count());
       for (const Node& node : map(entity))
         marks->keys.is(node.key());

@@ -28,11 +28,23 @@ CollMarks::~CollMarks() = default;
 
 Stream::~Stream() = default;
 
+namespace {
+
+[[noreturn]] void throwIdentityTaken(U64 identity) {
+  throw LogCorruptException(
+      stringPrintf("entity identity %lx stands for two entities", identity));
+}
+
+}  // namespace
+
 void Stream::demuxIs(U64 identity, EntitySa* sa) {
   const auto [at, isNew] = demux_.emplace(identity, sa);
-  if (!isNew && at->second != sa)
-    throw LogCorruptException(
-        stringPrintf("entity identity %lx stands for two entities", identity));
+  if (!isNew && at->second != sa) throwIdentityTaken(identity);
+}
+
+EntitySa* Stream::demux(U64 identity) const {
+  const auto at = demux_.find(identity);
+  return at == demux_.end() ? nullptr : at->second;
 }
 
 void Stream::demuxDel(U64 identity, const EntitySa* sa) {
@@ -47,11 +59,11 @@ void Stream::received(std::span<const U8> frame) {
   const U64 identity = in.nextU64();
   const AttributeId attribute = in.nextU32();
   if (!lastSa_ || identity != lastIdentity_) {
-    const auto at = demux_.find(identity);
-    if (at == demux_.end())
+    EntitySa* const sa = demux(identity);
+    if (!sa)
       throw LogCorruptException(
           stringPrintf("message for the unknown entity identity %lx", identity));
-    lastSa_ = at->second;
+    lastSa_ = sa;
     lastIdentity_ = identity;
   }
   ++counters_.messagesIn;
@@ -73,14 +85,15 @@ Session::Session(Stream& stream, Ptr<Entity> root, Role role, U64 rootIdentity)
     sa.remoteIdentity_ = rootIdentity;
   }
   if (!(role_ & writes)) return;
-  // The entities below are followed from the start; their contents are only sent when
-  // somebody asks for everything.
+  // The entities below are followed from the start, but the peer knows of none of them: they
+  // are only sent when somebody asks for everything.
   struct Walk {
     Session* session;
     EntitySa* parent;
     static void visit(void* context, Entity& child) {
       Walk* const walk = static_cast<Walk*>(context);
       Walk below{walk->session, &walk->session->adapterOf(child, walk->parent)};
+      below.parent->isAnnounced_ = false;
       eachChild(child, &below, visit);
     }
   } walk{this, &sa};
@@ -94,7 +107,7 @@ Session::~Session() {
   for (auto& [entity, sa] : adapters_) {
     sa->isRetired_ = true;
     sa->entity().notifieeDel(sa.get());
-    if (sa->remoteIdentity_ != 0) stream_.demuxDel(sa->remoteIdentity_, sa.get());
+    stream_.demuxDel(sa->remoteIdentity_, sa.get());
   }
   const auto adapters = std::move(adapters_);
   dropRetired();
@@ -302,6 +315,8 @@ void EntitySa::childSent(Entity& child, bool isNew) {
   if (known && known->isAnnounced_) return;
   EntitySa& sa = session_.adapterOf(child, this);
   sa.isAnnounced_ = true;
+  // The peer, which now knows the child, may write to it.
+  if (session_.role() & Session::reads) childReceived(child, child.identity());
   sa.resync();
   if (isNew) {
     // The receiver makes it anew: what equals a fresh entity needs no message.
@@ -352,7 +367,9 @@ U32 EntitySa::pump(AttributeId start, FlowOut* flow) {
 // again at the lowest of them until nothing is.
 bool EntitySa::process() {
   while (flow_) {
-    const AttributeId start = flow_->firstDirty();
+    // A walk that stopped goes on first, though something below it was marked: there is but
+    // one bookmark.
+    const AttributeId start = flow_->bookmark() ? flow_->bookmark() : flow_->firstDirty();
     if (start == 0) {
       flow_.reset();
     } else if (pump(start, flow_.get()) != 0) {
@@ -432,6 +449,13 @@ void EntitySa::received(MessageKind kind, AttributeId attribute, In& in) {
     case NboAttrLog::collDel: attr->collection->applyDel(*entity_, *this, in); break;
     default: attr->collection->applyTransaction(*entity_, *this, kind, in);
   }
+}
+
+// Asked before anything is changed. `child` is the one that has the identity already.
+void EntitySa::childIdentityCheck(const Entity* child, U64 identity) const {
+  if (identity == 0) throw LogCorruptException("a child without an identity");
+  const EntitySa* const holder = streamDemuxer().demux(identity);
+  if (holder && &holder->entity() != child) NboAttrLog::throwIdentityTaken(identity);
 }
 
 void EntitySa::childReceived(Entity& child, U64 identity) {

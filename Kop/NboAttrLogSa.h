@@ -119,6 +119,7 @@ class KOP_EXPORT Stream {
   // The demultiplexer: adapters by the identity their messages carry.
   void demuxIs(U64 identity, EntitySa* sa);  // LogCorruptException when it is taken
   void demuxDel(U64 identity, const EntitySa* sa);
+  EntitySa* demux(U64 identity) const;  // null when nobody has it
 
  private:
   static constexpr U64 unlimited = ~U64{0};
@@ -272,6 +273,8 @@ class KOP_EXPORT EntitySa final : public Notifiee {
   void doBaseKopNboAttrLogSaMsg(AttributeId attribute) const;  // LogCorruptException
   // Applies a scalar, an entry, a delete (the negated identifier) or a child.
   void handleAttrDeserialization(AttributeId attribute, NboAttrLog::In& in);
+  void childIdentityCheck(const Entity* child,
+                          U64 identity) const;  // LogCorruptException
   void childReceived(Entity& child, U64 identity);
   void childGone(Entity& child);  // before it is removed
   static void identityIs(Entity& entity, U64 identity) { entity.identityIs(identity); }
