@@ -1,0 +1,201 @@
+#include <algorithm>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "LogLink.h"
+#include "TreeModel.h"
+
+namespace Sample {
+namespace {
+
+std::map<std::string, Kop::Ptr<Branch>> branchesOf(const TallTree& tree) {
+  std::map<std::string, Kop::Ptr<Branch>> branches;
+  for (const auto& node : tree.branch())
+    branches[std::string(std::string_view(node.key()))] = node.value;
+  return branches;
+}
+
+// Every child is the same object when it is the same entity, and another one otherwise.
+void expectIdentities(const TallTree& tree,
+                      const TallTree& copy,
+                      const std::map<std::string, Kop::Ptr<Branch>>& before) {
+  for (const auto& [key, branch] : branchesOf(tree)) {
+    const auto mirrored = copy.branch(Kop::String(key));
+    ASSERT_TRUE(mirrored) << key;
+    EXPECT_EQ(mirrored->identity(), branch->identity()) << key;
+    EXPECT_EQ(mirrored->parent(), &copy);
+    const auto old = before.find(key);
+    if (old == before.end()) continue;
+    EXPECT_EQ(mirrored == old->second, old->second->identity() == branch->identity())
+        << key;
+  }
+}
+
+// Catches a copy that was never the original (a frame applied in part, two in the wrong
+// order), and remains of a lost connection.
+TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
+  Random random(41);
+  const auto tree = TallTree::TallTreeIs("t");
+  TreeModel model;
+  U32 serial = 0;
+  for (int i = 0; i < 60; ++i)
+    randomWrite(random, *tree, model, ++serial);
+  Stream stream;
+  std::vector<TreeModel> past;
+  Bytes bytes;
+  const U64 root = tree->identity();
+  {
+    Session session(stream, tree, Session::writes);
+    session.resync();
+    ASSERT_TRUE(session.process());
+    past.push_back(model);
+    for (int i = 0; i < 150; ++i) {
+      randomWrite(random, *tree, model, ++serial, true);
+      session.process();
+      past.push_back(model);
+      ASSERT_EQ(modelOf(*tree), model);
+    }
+    bytes = bytesOf(stream.out());
+  }
+  for (int i = 0; i < 20; ++i)
+    randomWrite(random, *tree, model, ++serial);  // while the link is down
+  ASSERT_EQ(modelOf(*tree), model);
+
+  const auto copy = TallTree::TallTreeIs("growing");
+  Reader growing(copy, root);
+  std::size_t state = 0;  // the youngest that the copy is known to have reached
+  bool sawAll = false;
+  for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
+    if (!growing.arrived(&bytes[cut], 1)) continue;
+    if (growing.session.catchingUp()) continue;
+    const TreeModel now = modelOf(*copy);
+    while (state < past.size() && !(past[state] == now))
+      ++state;
+    ASSERT_LT(state, past.size()) << "no past state, at byte " << cut;
+    sawAll = sawAll || state > 100;
+  }
+  EXPECT_TRUE(sawAll);
+  EXPECT_EQ(state, past.size() - 1);
+
+  for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    const auto replica = TallTree::TallTreeIs("replica");
+    {
+      Reader reader(replica, root);
+      reader.arrived(bytes.data(), cut);
+    }
+    const auto before = branchesOf(*replica);
+    Link link(tree, replica);
+    link.writer.resync();
+    link.drain();
+    ASSERT_EQ(modelOf(*replica), model);
+    expectIdentities(*tree, *replica, before);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+// Values of one key that are older than what it had, or that nobody wrote.
+struct Order : Kop::Reactor<TallTree> {
+  using Reactor::Reactor;
+  std::map<std::string, U32> last;
+  U32 latest = 0, told = 0;
+  void stopReaction(const Kop::String& key) override {
+    if (!notifier()->stopHas(key)) return;
+    const U32 zone = notifier()->stop(key).zone();
+    U32& before = last[std::string(std::string_view(key))];
+    EXPECT_GT(zone, before) << "an older value after a newer one";
+    EXPECT_LE(zone, latest);
+    before = zone;
+    ++told;
+  }
+};
+
+// Catches whatever the cases that somebody thought of do not.
+TEST(AttrLogRandom, replicasEqualAPlainModelThroughStopsAndLostLinks) {
+  for (const U32 seed : {1u, 2u, 3u, 4u, 5u, 6u}) {
+    SCOPED_TRACE(seed);
+    Random random(seed);
+    const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
+    TreeModel model;
+    Order order(copy);
+    U32 serial = 0, links = 0;
+    auto before = branchesOf(*copy);
+    const auto connect = [&] {
+      before = branchesOf(*copy);
+      auto link = std::make_unique<Link>(tree, copy, 100 + random() % 600);
+      link->writer.resync();
+      ++links;
+      return link;
+    };
+    auto link = connect();
+    for (int step = 0; step < 4000; ++step) {
+      const U32 dice = random() % 100;
+      order.latest = serial + 1;
+      if (dice < 60) {
+        randomWrite(random, *tree, model, ++serial);
+      } else if (dice < 75) {
+        link->writer.process();
+      } else if (dice < 97) {
+        link->carry(random() % 300);
+      } else if (dice < 98) {
+        link->stream.creditIs(random() % 3);
+        link->writer.process();
+        link->stream.creditIs(1u << 30);
+      } else if (dice < 99) {
+        link.reset();
+        link = connect();
+      } else {
+        link->drain();
+        ASSERT_EQ(modelOf(*tree), model) << "step " << step;
+        ASSERT_EQ(modelOf(*copy), model) << "step " << step;
+        expectIdentities(*tree, *copy, {});
+      }
+      if (HasFailure()) FAIL() << "step " << step;
+    }
+    link->drain();
+    EXPECT_EQ(modelOf(*copy), model);
+    EXPECT_GT(links, 10u);
+    EXPECT_GT(order.told, 50u);
+    EXPECT_GT(link->stream.counters().coalesced, 0u);
+    copy->mark().verify();
+    copy->place().verify();
+    copy->branch().verify();
+  }
+}
+
+// Catches memory that grows with the changes instead of with what is alive.
+TEST(AttrLogBounded, aReaderThatDoesNotReadCostsAMarkPerLiveKey) {
+  const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
+  Link link(tree, copy, 4096);
+  link.writer.resync();
+  link.drain();
+  const U32 live = 50;
+  for (U32 n = 0; n < live; ++n)
+    tree->flagIs(Kop::String(std::to_string(n)), true);
+  std::size_t marks = 0, buffer = 0;
+  for (U32 n = 0; n < 1'000'000; ++n) {
+    tree->markIs(n);
+    if (n >= live) tree->markDel(n - live);
+    if (n % 1000 != 0) continue;
+    link.writer.process();
+    tree->colourIs(static_cast<Colour>(n));
+    buffer = std::max(buffer, link.stream.out().memory());
+    if (auto* const flow = adapterOf(*tree).flowOut())
+      marks = std::max(marks, flow->coll<U32>(258).dirty.memory());
+  }
+  EXPECT_LT(buffer, 3u * 4096);
+  EXPECT_LT(marks, 64u << 10) << "marks of at most a few thousand keys";
+  EXPECT_GT(marks, 0u);
+  const auto& counters = link.stream.counters();
+  EXPECT_GT(counters.walksAgain, 100u);
+  EXPECT_GT(counters.coalesced, 500'000u);
+  EXPECT_LT(counters.messagesOut, 1000u);
+  EXPECT_EQ(tree->markCount(), live);
+  link.drain();
+  EXPECT_EQ(modelOf(*copy), modelOf(*tree));
+  EXPECT_EQ(copy->markCount(), live);
+}
+
+}  // namespace
+}  // namespace Sample

@@ -1,0 +1,102 @@
+#include "TestTypes.h"
+
+#include "Kop/EntityImpl.h"
+#include "Kop/ModuleImpl.h"
+
+namespace Sample {
+
+Level::Level(U16 value) : value_(value) {
+  if (value != 0 && (value < Limits::low || value > Limits::high))
+    throw Kop::RangeException("Sample::Level::value is no level");
+}
+void valueParse(Level& level, Kop::TextIt& it, const Kop::TextIt& end) {
+  level = Level(Kop::readAttr<U16>(it, end, "value"));
+}
+void valueLogRead(Level& level, Kop::NboAttrLog::In& in) {
+  level = Level(in.nextU16());
+}
+
+bool valueLess(const Hop& a, const Hop& b) {
+  return a.cost() == b.cost() ? a.node() < b.node() : a.cost() < b.cost();
+}
+U32 Hop::hash() const {
+  return Kop::OneAtATime().u32(node()).result();
+}
+U32 Hop::weighed(U32 factor, const Kop::String& text) const {
+  return cost() * factor + text.size();
+}
+U32 FarHop::hash() const {
+  return Hop::hash() ^ via().hash();
+}
+
+void valueParse(Crowd&, Kop::TextIt&, const Kop::TextIt&) {
+  Kop::noStringConstructor("!\"No String constructor for Crowd - has collection\"",
+                           "Sample/TestTypes");
+}
+void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&) {
+  Kop::noStringConstructor("!\"No String constructor for Chart - has collection\"",
+                           "Sample/TestTypes");
+}
+U32 valueHash(const Crowd&, U32) = delete;
+U32 valueHash(const Chart&, U32) = delete;
+U32 valueHash(const Blob&, U32) = delete;
+
+}  // namespace Sample
+
+KOP_MODULE(TestTypes,
+           f4b56d4972440bcf,
+           Sample::Shape,
+           Sample::Colour,
+           Sample::Limits,
+           Sample::Level,
+           Sample::Code,
+           Sample::Ratio,
+           Sample::Port,
+           Sample::Place,
+           Sample::Area,
+           Sample::Hop,
+           Sample::FarHop,
+           Sample::Crowd,
+           Sample::Chart,
+           Sample::Blob,
+           Sample::Stop,
+           Sample::Leaf,
+           Sample::Branch,
+           Sample::Slot,
+           Sample::Tree,
+           Sample::TallTree);
+
+KOP_INSTANTIATE_ENUM(Sample::Shape);
+KOP_INSTANTIATE_ENUM(Sample::Colour);
+KOP_INSTANTIATE_VALUE(Sample::Limits);
+KOP_INSTANTIATE_VALUE(Sample::Level);
+KOP_INSTANTIATE_VALUE(Sample::Code);
+KOP_INSTANTIATE_VALUE(Sample::Ratio);
+KOP_INSTANTIATE_VALUE(Sample::Port);
+KOP_INSTANTIATE_VALUE(Sample::Place);
+KOP_INSTANTIATE_VALUE(Sample::Area);
+KOP_INSTANTIATE_VALUE(Sample::Hop);
+KOP_INSTANTIATE_VALUE(Sample::FarHop);
+KOP_INSTANTIATE_VALUE(Sample::Crowd);
+KOP_INSTANTIATE_VALUE(Sample::Chart);
+KOP_INSTANTIATE_VALUE(Sample::Blob);
+KOP_INSTANTIATE_VALUE(Sample::Stop);
+KOP_INSTANTIATE_ENTITY(Sample, Leaf);
+KOP_INSTANTIATE_ENTITY(Sample, Branch);
+KOP_INSTANTIATE_ENTITY(Sample, Slot);
+KOP_INSTANTIATE_ENTITY(Sample, Tree);
+KOP_INSTANTIATE_ENTITY(Sample, TallTree);
+
+namespace Sample {
+
+std::unique_ptr<Kop::NboAttrLog::FlowOut> newFlowOut(Kop::EntitySa& sa,
+                                                     Kop::AttributeId start) {
+  return Kop::TypeImpl<TallTree>::newFlowOut(sa, false, start);
+}
+U32 handleAttrFlowOut(Kop::EntitySa& sa,
+                      Kop::AttributeId start,
+                      Kop::NboAttrLog::FlowOut* flow) {
+  return Kop::TypeImpl<TallTree>::handleAttrFlowOut(sa, start, flow);
+}
+
+}  // namespace Sample
