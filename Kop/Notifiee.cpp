@@ -4,19 +4,16 @@
 
 namespace Kop {
 
-// A visit under way, on the stack of whoever made the change. Visits nest when an observer
-// writes; the list knows the innermost.
-struct NotifieeList::Visit {
-  Visit* outer;
-  U32 at = 0;
-  bool listGone = false;
-};
-
+// Not in the header: there they would be guessed as the likely targets of every call.
 Notifiee::~Notifiee() = default;
+void Notifiee::onAttribute(AttributeId) {}
+void Notifiee::onAttribute(AttributeId, const void*) {}
+void Notifiee::onParent() {}
+void Notifiee::onDetached() {}
 
 NotifieeList::~NotifieeList() {
   for (Visit* visit = visits_; visit; visit = visit->outer)
-    visit->listGone = true;
+    visit->listGone = visit->disturbed = true;
   delete[] slots_;
 }
 
@@ -24,8 +21,14 @@ bool NotifieeList::has(const Notifiee* notifiee) const {
   return std::find(slots_, slots_ + count_, notifiee) != slots_ + count_;
 }
 
+void NotifieeList::disturb() {
+  for (Visit* visit = visits_; visit; visit = visit->outer)
+    visit->disturbed = true;
+}
+
 void NotifieeList::room() {
   if (count_ < capacity_) return;
+  disturb();
   const U32 capacity = capacity_ == 0 ? 2 : capacity_ * 2;
   Notifiee** larger = new Notifiee*[capacity];
   std::copy_n(slots_, count_, larger);
@@ -48,8 +51,9 @@ void NotifieeList::addFirst(Notifiee* notifiee) {
   slots_[0] = notifiee;
   ++count_;
   ++live_;
+  disturb();
   for (Visit* visit = visits_; visit; visit = visit->outer)
-    ++visit->at;
+    ++visit->shift;
 }
 
 void NotifieeList::del(Notifiee* notifiee) {
@@ -58,6 +62,7 @@ void NotifieeList::del(Notifiee* notifiee) {
   --live_;
   if (visits_) {
     *at = nullptr;
+    disturb();
   } else {
     std::copy(at + 1, slots_ + count_, at);
     --count_;
@@ -69,32 +74,34 @@ void NotifieeList::compact() {
 }
 
 template <class Tell>
-void NotifieeList::tellAll(Tell tell) {
-  Visit visit{visits_};
-  visits_ = &visit;
-  const U32 later = count_;  // slots from here on registered during this visit
-  U32 told = 0;
-  for (; told < later; ++told, ++visit.at) {
-    Notifiee* const notifiee = slots_[visit.at];
+void NotifieeList::tellRest(Visit& visit, U32 told, U32 later, Tell tell) {
+  if (visit.listGone) return;
+  for (; told < later; ++told) {
+    Notifiee* const notifiee = slots_[told + visit.shift];
     if (!notifiee) continue;
     tell(notifiee);
     if (visit.listGone) return;
   }
-  visits_ = visit.outer;
-  if (!visits_ && live_ != count_) compact();
 }
 
-void NotifieeList::visitAll(AttributeId attribute) {
-  tellAll([=](Notifiee* notifiee) { notifiee->onAttribute(attribute); });
+void NotifieeList::visitRest(Visit& visit, U32 told, U32 later, AttributeId attribute) {
+  tellRest(visit, told, later,
+           [=](Notifiee* notifiee) { notifiee->onAttribute(attribute); });
 }
-void NotifieeList::visitAll(AttributeId attribute, const void* key) {
-  tellAll([=](Notifiee* notifiee) { notifiee->onAttribute(attribute, key); });
+void NotifieeList::visitRest(
+    Visit& visit, U32 told, U32 later, AttributeId attribute, const void* key) {
+  tellRest(visit, told, later,
+           [=](Notifiee* notifiee) { notifiee->onAttribute(attribute, key); });
 }
 void NotifieeList::visitParent() {
-  if (live_ != 0) tellAll([](Notifiee* notifiee) { notifiee->onParent(); });
+  if (onlyOne()) return slots_[0]->onParent();
+  if (live_ == 0) return;
+  Visit visit(this);
+  tellRest(visit, 0, count_, [](Notifiee* notifiee) { notifiee->onParent(); });
 }
 
 void NotifieeList::deleteAll() {
+  disturb();
   while (live_ != 0) {
     Notifiee** const at =
         std::find_if(slots_, slots_ + count_, [](Notifiee* n) { return n != nullptr; });

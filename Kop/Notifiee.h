@@ -15,11 +15,11 @@ class Entity;
 class KOP_EXPORT Notifiee {
  public:
   virtual ~Notifiee();
-  virtual void onAttribute(AttributeId) {}  // a scalar
+  virtual void onAttribute(AttributeId);  // a scalar
   // One key of a collection: a `const K*` of its key type, valid for the call.
-  virtual void onAttribute(AttributeId, const void*) {}
-  virtual void onParent() {}    // the parent link was set or cleared
-  virtual void onDetached() {}  // the entity is going; do not call notifieeDel
+  virtual void onAttribute(AttributeId, const void*);
+  virtual void onParent();    // the parent link was set or cleared
+  virtual void onDetached();  // the entity is going; do not call notifieeDel
 };
 
 // An entity's observers, told in the order of registration.
@@ -42,9 +42,11 @@ class KOP_EXPORT NotifieeList {
                             // messages must keep the order of the writes
   void del(Notifiee* notifiee);
   void visit(AttributeId attribute) {
+    if (onlyOne()) return slots_[0]->onAttribute(attribute);
     if (live_ != 0) visitAll(attribute);
   }
   void visit(AttributeId attribute, const void* key) {
+    if (onlyOne()) return slots_[0]->onAttribute(attribute, key);
     if (live_ != 0) visitAll(attribute, key);
   }
   void visitParent();
@@ -52,11 +54,57 @@ class KOP_EXPORT NotifieeList {
 
  private:
   friend class NotifieeListIterator;
-  struct Visit;
-  void visitAll(AttributeId attribute);
-  void visitAll(AttributeId attribute, const void* key);
+  // A visit under way, on the stack of whoever made the change. Visits nest when an observer
+  // writes; the list knows the innermost.
+  struct Visit {
+    explicit Visit(NotifieeList* list) : list(list), outer(list->visits_) {
+      Visit* visit = this;
+      asm("" : "+r"(visit));  // else g++ warns of a pointer left behind, and is wrong
+      list->visits_ = visit;
+    }
+    ~Visit() {
+      if (!listGone) list->visitEnd(outer);
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    NotifieeList* list;
+    Visit* outer;
+    U32 shift = 0;  // slots that were put in front since the visit began
+    bool listGone = false;
+    bool disturbed = false;  // by anything that the loop has to look at
+  };
+  void visitEnd(Visit* outer) {
+    visits_ = outer;
+    if (!outer && live_ != count_) compact();
+  }
+
+  // In the library of whoever makes the change, often that of the observers: calls between
+  // libraries cost twice those within one. In an outermost visit no slot is empty, and
+  // nearly always nothing else happens.
+  template <class... Arguments>
+  [[gnu::noinline, gnu::visibility("hidden")]] void visitAll(Arguments... arguments) {
+    Visit visit(this);
+    const U32 later = count_;  // slots from here on registered during this visit
+    U32 told = 0;
+    if (!visit.outer) {
+      Notifiee* const* const slots = slots_;
+      do
+        slots[told++]->onAttribute(arguments...);
+      while (told < later && !visit.disturbed);
+      if (!visit.disturbed) return;
+    }
+    visitRest(visit, told, later, arguments...);
+  }
+  void visitRest(Visit& visit, U32 told, U32 later, AttributeId attribute);
+  void visitRest(
+      Visit& visit, U32 told, U32 later, AttributeId attribute, const void* key);
   template <class Tell>
-  void tellAll(Tell tell);
+  void tellRest(Visit& visit, U32 told, U32 later, Tell tell);
+  // A single observer needs no visit: nothing is looked at when it has been told. Slots are
+  // only taken out when no visit is under way, so there is none now.
+  bool onlyOne() const { return count_ == 1; }
+  void disturb();
   void room();
   void compact();
 

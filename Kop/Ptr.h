@@ -68,15 +68,19 @@ class KOP_EXPORT PtrInterface {
   virtual FwkType fwkType() const = 0;
 
   void referencesInc() const {
-    if (threadSafePtrs())
+    if (threadSafePtrs()) [[unlikely]]
       __atomic_fetch_add(&word_, 1, __ATOMIC_RELAXED);
     else
       ++word_;
   }
   void referencesDec() const {
-    const U32 left =
-        threadSafePtrs() ? __atomic_sub_fetch(&word_, 1, __ATOMIC_ACQ_REL) : --word_;
-    if ((left & countMask) == 0) const_cast<PtrInterface*>(this)->handleZeroRef();
+    U32 left;
+    if (threadSafePtrs()) [[unlikely]]
+      left = __atomic_sub_fetch(&word_, 1, __ATOMIC_ACQ_REL);
+    else
+      left = --word_;
+    if ((left & countMask) == 0) [[unlikely]]
+      const_cast<PtrInterface*>(this)->handleZeroRef();
   }
   U32 references() const { return __atomic_load_n(&word_, __ATOMIC_RELAXED) & countMask; }
   bool hasNotificationActive() const { return flag(notificationActiveFlag); }
@@ -99,7 +103,7 @@ class KOP_EXPORT PtrInterface {
 
 // A counted reference, or null.
 template <class T>
-class Ptr {
+class KOP_EXPORT Ptr {
  public:
   Ptr() noexcept = default;
   Ptr(std::nullptr_t) noexcept {}
