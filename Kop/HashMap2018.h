@@ -198,6 +198,7 @@ class HashMap2018 : public HashMap2018Generic {
   }
 
   std::size_t slotOf(const K& key, Word word) const;
+  std::size_t slotFar(const K& key, Word word) const;
   std::size_t placeOf(const K& key, Word word, bool& found) const;
   std::size_t placeFar(const K& key, Word word, std::size_t slot, bool& found) const;
   std::size_t openEntry(std::size_t slot, Word word, const K& key);

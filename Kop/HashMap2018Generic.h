@@ -180,12 +180,14 @@ class KOP_EXPORT HashMap2018Generic {
 
   const Head& head() const { return reinterpret_cast<const Head*>(words_)[-1]; }
   Head& head() { return reinterpret_cast<Head*>(words_)[-1]; }
-  // The limit is a branch that is as good as never taken; a conditional move would make every
-  // look-up wait for it.
+  // The limit is a branch that is as good as never taken. The empty assembler text keeps it
+  // one: a conditional move would make every look-up wait for it.
   std::size_t home(Word word) const {
     const U64 scaled = U64{HashWords::mixedOf(word)} * scale_ >> 32;
-    if (scaled > homeMax_) [[unlikely]]
+    if (scaled > homeMax_) [[unlikely]] {
+      __asm__ volatile("");
       return homeMax_;
+    }
     return scaled;
   }
   std::size_t nextFree(std::size_t slot) const {
@@ -255,6 +257,7 @@ class KOP_EXPORT HashMap2018Generic {
   void contentsSwap(HashMap2018Generic& other) noexcept;  // all but the version
   Plan plan(const HashMap2018Generic& contents, U32 capacity, U32 highest) const;
   void allocate(const Plan& plan, HashMap2018Pool* pool);
+  void rescale(U32 capacity, U32 highest);
   void rebuild(U32 capacity, U32 highest);
   void sweep() noexcept;
   U32 highest() const;  // mixed hash of the last entry

@@ -7,22 +7,36 @@
 namespace Kop {
 
 // The slot of the key, or nowhere.
+//
+// The entry is requested where the words have shown a match, which looks too late. But the
+// processor follows the branch it expects, before the words have arrived: so a program that
+// finds what it looks for has both requests under way at once, and one that does not spares
+// the second. Requested in any case, an absent key cost 1.3 times as much; never, a present
+// one 1.2 times.
 template <class N, class K>
 inline std::size_t HashMap2018<N, K>::slotOf(const K& key, Word word) const {
   std::size_t slot = home(word);
-  __builtin_prefetch(entries() + slot);
+  const Entry* const expected = entries() + slot;
   for (unsigned looks = 0; looks < farAfter; ++looks, slot += 8) {
-    for (unsigned equal = HashWords::equal8(words_ + slot, word); equal;
-         equal &= equal - 1) {
-      const std::size_t i = slot + HashWords::lowest(equal);
-      if (isKey(node(i), key)) [[likely]]
-        return i;
+    if (unsigned equal = HashWords::equal8(words_ + slot, word)) {
+      __builtin_prefetch(expected);
+      do {
+        const std::size_t i = slot + HashWords::lowest(equal);
+        if (isKey(node(i), key)) [[likely]]
+          return i;
+        equal &= equal - 1;
+      } while (equal);
     }
     if (HashWords::endsIn8(words_ + slot, word)) return nowhere;
   }
+  return slotFar(key, word);
+}
+
+template <class N, class K>
+[[gnu::noinline]] std::size_t HashMap2018<N, K>::slotFar(const K& key, Word word) const {
   bool found;
-  const std::size_t far = placeFar(key, word, slot - 8 * farAfter, found);
-  return found ? far : nowhere;
+  const std::size_t slot = placeFar(key, word, home(word), found);
+  return found ? slot : nowhere;
 }
 
 // The slot of the key, or the one before which it belongs.
