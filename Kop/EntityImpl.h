@@ -167,18 +167,28 @@ String EntityOps<T>::nameOf(const typename T::KopKey& key) {
   else
     return strepOf(key);
 }
+// Takes out the children of T's own rows, then of its bases'.
+template <class T, class Level>
+void childrenDelAll(T& entity) {
+  if constexpr (!std::same_as<Level, void>) {
+    [&]<U32... I>(std::integer_sequence<U32, I...>) {
+      const auto clear = [&]<U32 N>(Number<N>) {
+        if constexpr (CollectionRow<decltype(Level::kopMember(Number<N>{}))>)
+          if constexpr (CollBody<Level, N>::isChildren)
+            CollBody<Level, N>::removeAll(entity);
+      };
+      (clear(Number<Level::kopFirst + I>{}), ...);
+    }
+    (std::make_integer_sequence<U32, ownRows<Level>()>{});
+    childrenDelAll<T, typename Level::KopBase>(entity);
+  }
+}
 // Children first, each told; then the observers; the maps go with the members, in reverse
-// order of declaration.
+// order of declaration. The most derived type does it for its bases: when their turn comes,
+// nobody listens any more.
 template <class T>
 void EntityOps<T>::destroy(T& entity) {
-  [&]<U32... I>(std::integer_sequence<U32, I...>) {
-    const auto clear = [&]<U32 N>(Number<N>) {
-      if constexpr (CollectionRow<decltype(T::kopMember(Number<N>{}))>)
-        if constexpr (CollBody<T, N>::isChildren) CollBody<T, N>::removeAll(entity);
-    };
-    (clear(Number<T::kopFirst + I>{}), ...);
-  }
-  (std::make_integer_sequence<U32, ownRows<T>()>{});
+  childrenDelAll<T, T>(entity);
   EntityAccess::notifieesDelAll(entity);
 }
 template <class T>

@@ -37,9 +37,6 @@ void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&) {
   Kop::noStringConstructor("!\"No String constructor for Chart - has collection\"",
                            "Sample/TestTypes");
 }
-U32 valueHash(const Crowd&, U32) = delete;
-U32 valueHash(const Chart&, U32) = delete;
-U32 valueHash(const Blob&, U32) = delete;
 
 }  // namespace Sample
 

@@ -135,6 +135,15 @@ class Stop : public Kop::Value<Stop> {
   KOP_ATTR(3, U32, zone);
 };
 
+// Rules written by hand.
+void valueParse(Level& level, Kop::TextIt& it, const Kop::TextIt& end);
+void valueLogRead(Level& level, Kop::NboAttrLog::In& in);
+void valueParse(Crowd&, Kop::TextIt&, const Kop::TextIt&);
+void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&);
+U32 valueHash(const Crowd&, U32) = delete;
+U32 valueHash(const Chart&, U32) = delete;
+U32 valueHash(const Blob&, U32) = delete;
+
 class Leaf : public Kop::Entity {
   KOP_ENTITY(Leaf);
 
