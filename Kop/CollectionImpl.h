@@ -124,7 +124,7 @@ struct CollBody {
     const Ptr<D> alive(&entity);  // an observer may drop the last reference
     const K kept(key);
     const V child = EntityMake<Child>::with(kept);
-    if (from) EntitySa::identityIs(*child, identity);
+    if (from) EntitySa::receivedIdentityIs(*child, identity);
     child->readOnlyProxyIs(entity.readOnlyProxy());
     map(entity).insert(kept, child);
     child->parentIs(&entity);
@@ -281,10 +281,13 @@ struct CollBody {
       in.skip(sizeof identity);
       needEnd(in);
       const V child = get(entity, key);
-      const bool isSame = child && child->identity() == identity;
+      const bool isSame = child && EntitySa::isCopyOf(*child, identity);
       sa.childIdentityCheck(isSame ? child.get() : nullptr, identity);
       if (auto* marks = kept(sa)) marks->arriving(map(entity), key);
-      if (isSame) return sa.childReceived(*child, identity);
+      if (isSame) {
+        EntitySa::receivedIdentityIs(*child, identity);
+        return sa.childReceived(*child, identity);
+      }
       if (child) removeReceived(entity, sa, key);
       makeChild(entity, key, &sa, identity);
     } else if constexpr (isSet) {

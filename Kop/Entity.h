@@ -79,11 +79,15 @@ class KOP_EXPORT Entity : public PtrInterface {
   friend struct EntityAccess;
   friend class EntitySa;
   [[noreturn]] void throwWriteUpdateFromReadOnlyProxyException() const;
-  void identityIs(U64 identity) { identity_ = identity; }
+  void receivedIdentityIs(U64 identity) {
+    identity_ = identity;
+    identityIsReceived_ = true;
+  }
 
   String name_;
   Entity* parent_ = nullptr;
   U64 identity_;
+  bool identityIsReceived_ = false;  // the original's, from the attribute log
   bool readOnly_ = false;
   NotifieeList notifiees_;
 };

@@ -277,7 +277,14 @@ class KOP_EXPORT EntitySa final : public Notifiee {
                           U64 identity) const;  // LogCorruptException
   void childReceived(Entity& child, U64 identity);
   void childGone(Entity& child);  // before it is removed
-  static void identityIs(Entity& entity, U64 identity) { entity.identityIs(identity); }
+  static void receivedIdentityIs(Entity& entity, U64 identity) {
+    entity.receivedIdentityIs(identity);
+  }
+  // Whether an entity is the copy of the one of that identity, or becomes it: one that was
+  // made here and never received takes the identity over.
+  static bool isCopyOf(const Entity& entity, U64 identity) {
+    return entity.identity() == identity || !entity.identityIsReceived_;
+  }
   NboAttrLog::CollMarks* marks(AttributeId collection) const;
   void marksIs(AttributeId collection, std::unique_ptr<NboAttrLog::CollMarks> marks);
 

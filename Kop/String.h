@@ -131,6 +131,9 @@ class KOP_EXPORT String {
   friend bool operator==(const String& a, const char* b) {
     return std::string_view(a) == std::string_view(b);
   }
+  friend bool operator==(const String& a, const std::string& b) {
+    return std::string_view(a) == std::string_view(b);
+  }
   friend bool operator==(const String& a, std::string_view b) {
     return std::string_view(a) == b;
   }

@@ -22,7 +22,7 @@ template <class A>
 void attrText(TextOut& out, const A& attr) {
   if constexpr (isOrderedMap<A>) {
     out.append('{');
-    std::string_view separator;
+    std::string_view separator = "";
     for (const auto& node : attr) {
       out.append(separator);
       attrText(out, node.key());
