@@ -199,7 +199,7 @@ void ClientImpl::catchUpEnded(HeldMount& held) {
   write(held);
 }
 
-void ClientImpl::gone(HeldMount& held, const std::string& reason) {
+void ClientImpl::gone(HeldMount& held, const std::string& why) {
   if (held.stage == Stage::left) return;
   if (held.writes()) encode(connection->stream.out(), Frame::Unmount{held.id, false});
   held.caughtUp = false;
@@ -209,14 +209,14 @@ void ClientImpl::gone(HeldMount& held, const std::string& reason) {
     held.mount->writer_.clear();
     return;
   }
-  refuse(held, reason);
+  refuse(held, why);
 }
 
 // Also a mount that was to leave as soon as it is written out: there is nothing to leave.
-void ClientImpl::refuse(HeldMount& held, const std::string& reason) {
+void ClientImpl::refuse(HeldMount& held, const std::string& why) {
   held.session.reset();
   held.stage = Stage::refused;
-  held.mount->reason_ = reason;
+  held.mount->reason_ = why;
   std::erase_if(leaving, [&](const auto& each) { return each.get() == &held; });
 }
 

@@ -162,9 +162,9 @@ Message decode(std::span<const U8> frame) {
   return message;
 }
 
-#define HIVEL_MESSAGE(Message)                                  \
-  template KOP_EXPORT void encode(Out&, const Frame::Message&); \
-  template KOP_EXPORT Frame::Message decode(std::span<const U8>)
+#define HIVEL_MESSAGE(Message)                       \
+  template void encode(Out&, const Frame::Message&); \
+  template Frame::Message decode(std::span<const U8>)
 HIVEL_MESSAGE(Hello);
 HIVEL_MESSAGE(Mount);
 HIVEL_MESSAGE(Mounted);

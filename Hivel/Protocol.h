@@ -67,7 +67,7 @@ constexpr U8 maxLogKind = 31;
 constexpr std::size_t maxHelloSize = 64 << 10;  // bytes of the first frame
 constexpr std::size_t maxNameSize = 128;        // bytes of a client's name
 
-enum class FrameKind : U8 {
+enum class KOP_EXPORT FrameKind : U8 {
   hello = 64,
   mount,
   mounted,
@@ -89,16 +89,17 @@ enum class FrameKind : U8 {
   error,
 };
 
+// Exported, because what is instantiated over them must be.
 namespace Frame {
 
-struct ModuleDigest {
+struct KOP_EXPORT ModuleDigest {
   std::string name;
   U64 digest = 0;
   bool operator==(const ModuleDigest&) const = default;
 };
 
 // When the version is another than ours, only magic and version are read.
-struct Hello {
+struct KOP_EXPORT Hello {
   static constexpr FrameKind kind = FrameKind::hello;
   U32 magic = protocolMagic;
   U32 version = protocolVersion;
@@ -107,7 +108,7 @@ struct Hello {
   std::vector<ModuleDigest> modules;
   bool operator==(const Hello&) const = default;
 };
-struct Mount {
+struct KOP_EXPORT Mount {
   static constexpr FrameKind kind = FrameKind::mount;
   U32 mount = 0;
   Mode mode = Mode::read;
@@ -116,7 +117,7 @@ struct Mount {
   U64 rootIdentity = 0;              // 0: not yet known
   bool operator==(const Mount&) const = default;
 };
-struct Mounted {
+struct KOP_EXPORT Mounted {
   static constexpr FrameKind kind = FrameKind::mounted;
   U32 mount = 0;
   std::string type, rootName;
@@ -126,19 +127,19 @@ struct Mounted {
   bool settled = true;
   bool operator==(const Mounted&) const = default;
 };
-struct Refused {
+struct KOP_EXPORT Refused {
   static constexpr FrameKind kind = FrameKind::refused;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Refused&) const = default;
 };
-struct Adopted {
+struct KOP_EXPORT Adopted {
   static constexpr FrameKind kind = FrameKind::adopted;
   U32 mount = 0;
   U64 rootIdentity = 0;
   bool operator==(const Adopted&) const = default;
 };
-struct PathState {
+struct KOP_EXPORT PathState {
   static constexpr FrameKind kind = FrameKind::pathState;
   U32 mount = 0;
   U64 epoch = 0;
@@ -146,39 +147,39 @@ struct PathState {
   bool settled = true;
   bool operator==(const PathState&) const = default;
 };
-struct Unmount {
+struct KOP_EXPORT Unmount {
   static constexpr FrameKind kind = FrameKind::unmount;
   U32 mount = 0;
   bool remove = false;
   bool operator==(const Unmount&) const = default;
 };
-struct Gone {
+struct KOP_EXPORT Gone {
   static constexpr FrameKind kind = FrameKind::gone;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Gone&) const = default;
 };
-struct List {
+struct KOP_EXPORT List {
   static constexpr FrameKind kind = FrameKind::list;
   U32 request = 0;
   bool watch = false;
   std::string prefix;
   bool operator==(const List&) const = default;
 };
-struct ListEntry {
+struct KOP_EXPORT ListEntry {
   static constexpr FrameKind kind = FrameKind::listEntry;
   U32 request = 0;
   bool appeared = true;
   std::string path, type;
   bool operator==(const ListEntry&) const = default;
 };
-struct StatusIs {
+struct KOP_EXPORT StatusIs {
   static constexpr FrameKind kind = FrameKind::statusIs;
   U32 request = 0;
   ServerStatus status;
   bool operator==(const StatusIs&) const = default;
 };
-struct Error {
+struct KOP_EXPORT Error {
   static constexpr FrameKind kind = FrameKind::error;
   bool lasting = true;  // trying again soon is of no use
   std::string reason;
@@ -186,7 +187,7 @@ struct Error {
 };
 // Frames whose body is a number of a mount or a request.
 template <FrameKind k>
-struct Numbered {
+struct KOP_EXPORT Numbered {
   static constexpr FrameKind kind = k;
   U32 number = 0;
   bool operator==(const Numbered&) const = default;

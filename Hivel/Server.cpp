@@ -125,9 +125,10 @@ void Server::Impl::process() {
   epoll_event events[64];
   const int count = ::epoll_wait(epoll.get(), events, std::size(events), 0);
   for (int i = 0; i < count; ++i) {
-    if (events[i].data.u64 == 0) {
+    const U64 key = events[i].data.u64;  // the kernel's structure is packed
+    if (key == 0) {
       acceptAll();
-    } else if (const auto at = peers.find(events[i].data.u64); at != peers.end()) {
+    } else if (const auto at = peers.find(key); at != peers.end()) {
       if (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) receive(*at->second);
     }
   }

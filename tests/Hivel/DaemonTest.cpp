@@ -1,0 +1,167 @@
+#include <algorithm>
+#include <fstream>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Harness.h"
+
+namespace HivelTest {
+namespace {
+
+using namespace Hivel;
+
+class DaemonThreads : public testing::Test {
+ protected:
+  // Runs it to its end.
+  int run(const std::vector<std::string>& arguments) {
+    Daemon other(log());
+    other.start(arguments);
+    return other.wait();
+  }
+  std::string log() const { return logs.path("other"); }
+  std::string said() const { return Daemon(log()).log(); }
+  void forget() const { std::ofstream(log(), std::ios::trunc); }
+
+  TempDir dir, logs;
+  const std::string socket = dir.path("hivel.sock");
+  Daemon daemon{logs.path("hiveld")};
+};
+
+// Catches a daemon that leaves its socket behind, that is stopped by what one left behind,
+// or that takes another's socket.
+TEST_F(DaemonThreads, startsOnceAndLeavesNothing) {
+  daemon.startServing(socket);
+  EXPECT_EQ(run({"--socket", socket}), 1);
+  EXPECT_NE(said().find("error: another server listens on " + socket + "\n"),
+            std::string::npos)
+      << said();
+  for (const int signal : {SIGTERM, SIGINT}) {
+    Client client(clientOptions(dir));
+    ASSERT_TRUE(client.wait([&] { return client.state() == Client::State::connected; },
+                            patience));
+    daemon.signal(signal);
+    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_TRUE(dir.names().empty());
+    EXPECT_TRUE(
+        client.wait([&] { return client.state() == Client::State::lost; }, patience));
+    EXPECT_EQ(client.reason(), "the server says: the server ends");
+    daemon.startServing(socket);
+  }
+  daemon.signal(SIGKILL);
+  EXPECT_EQ(daemon.wait(), -SIGKILL);
+  EXPECT_FALSE(dir.names().empty());
+  daemon.startServing(socket);
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.wait(), 0);
+  EXPECT_TRUE(dir.names().empty());
+}
+
+// Catches an error without a reason or with another status than a script expects.
+TEST_F(DaemonThreads, saysWhatIsWrongWithItsArguments) {
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    const char* text;
+  } rows[] = {
+      {{"--help"},                                    0, "--socket"                                    },
+      {{"--version"},                                 0, "hiveld "                                     },
+      {{"--no-such"},                                 2, "--no-such"                                   },
+      {{"extra"},                                     2, "extra"                                       },
+      {{"--mode", "999"},                             2, "'999' is not an octal mode"                  },
+      {{"--allow", "a:b"},                            2, "rule 'a:b': two ':' are needed"              },
+      {{"--max-connections", "0"},                    2, "0"                                           },
+      {{"--socket", socket, "--types", "libNone.so"}, 1, "libNone.so: cannot open"                     },
+      {{"--socket", "/proc/none/x"},                  1, "mkdir /proc/none: No such file or directory" },
+      {{"--socket", "/proc/x"},                       1, "open /proc/x.lock: No such file or directory"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.arguments.front());
+    forget();
+    EXPECT_EQ(run(row.arguments), row.status);
+    EXPECT_NE(said().find(row.text), std::string::npos) << said();
+  }
+  EXPECT_TRUE(dir.names().empty());
+}
+
+// A server that dies while its clients write and read. Catches a copy that differs
+// afterwards, or that keeps what was deleted meanwhile.
+TEST_F(DaemonThreads, copiesAreEqualAfterTheServerIsKilled) {
+  daemon.startServing(socket);
+  Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
+  Loop loop;
+  loop.add(writer);
+  loop.add(reader);
+  const auto plot = Plot::PlotIs("p");
+  writer.mount("a", Mode::replace, {plot, {}, true});
+  const Mount& in = reader.mount("a", Mode::read);
+  std::minstd_rand random(7);
+  for (int round = 0; round < 4; ++round) {
+    SCOPED_TRACE(round);
+    plot->bedIs(Kop::String("doomed" + std::to_string(round)));
+    for (int step = 0; step < 1500; ++step) {
+      scribble(*plot, random);
+      if (step % 20 == 0) loop.run(0ms);
+      if (step == 700) {
+        daemon.signal(SIGKILL);
+        daemon.wait();
+        plot->bedDel(Kop::String("doomed" + std::to_string(round)));
+      }
+      if (step == 1100) daemon.startServing(socket);
+    }
+    bool applied = false;
+    writer.sync([&](bool yes) { applied = yes; });
+    ASSERT_TRUE(loop.until([&] { return applied; })) << daemon.log();
+    EXPECT_TRUE(loop.until([&] {
+      return in.state() == Mount::State::live && dump(in.entity()) == dump(plot);
+    })) << dump(in.entity())
+        << dump(plot);
+  }
+}
+
+// A writer that dies. Catches state that goes with it, a path that stays locked, and a half
+// message that is applied.
+TEST_F(DaemonThreads, aWritersStateOutlivesIt) {
+  daemon.startServing(socket);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    Client client(clientOptions(dir, "mortal"));
+    client.wait([&] { return client.state() == Client::State::connected; }, patience);
+    const auto plot = Plot::PlotIs("p");
+    client.mount("a", Mode::replace, {plot, {}, true});
+    std::minstd_rand random(1);
+    for (int step = 0; step < 500; ++step)
+      scribble(*plot, random);
+    plot->titleIs("last words");
+    if (client.syncAndWait(patience)) ::kill(::getpid(), SIGKILL);
+    ::_exit(1);
+  }
+  int status = 0;
+  ::waitpid(writer, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  Client heir(clientOptions(dir, "heir")), reader(clientOptions(dir, "reader"));
+  ASSERT_TRUE(
+      heir.wait([&] { return heir.state() == Client::State::connected; }, patience));
+  ASSERT_TRUE(
+      reader.wait([&] { return reader.state() == Client::State::connected; }, patience));
+  const Mount& in = reader.mountAndWait("a", Mode::read, {}, patience);
+  EXPECT_EQ(in.writer(), "");
+  Mount& out = heir.mountAndWait("a", Mode::adopt, {}, patience);
+  EXPECT_EQ(plotOf(out)->title(), "last words");
+  EXPECT_GT(plotOf(out)->bedCount(), 0u);
+  EXPECT_EQ(dump(in.entity()), dump(out.entity()));
+  plotOf(out)->titleIs("the heir's");
+  EXPECT_TRUE(heir.syncAndWait(patience));
+  EXPECT_TRUE(
+      reader.wait([&] { return dump(in.entity()) == dump(out.entity()); }, patience));
+  EXPECT_EQ(reader.listAndWait("", patience), (std::vector<PathInfo>{
+                                                  {"a", "Garden::Plot"}
+  }));
+  EXPECT_EQ(reader.statusAndWait(patience).name, "hiveld");
+}
+
+}  // namespace
+}  // namespace HivelTest
