@@ -308,6 +308,40 @@ TYPED_TEST(HashMap2018Random, orderIsOfContentsAlone) {
   }
 }
 
+// Catches entries of some size that growth moves in part: there is a loop of its own for each
+// of the common sizes.
+template <U32 size>
+void growBy() {
+  struct Bytes {
+    U8 bytes[size - 4];
+    explicit Bytes(U32 n) { std::fill_n(bytes, sizeof bytes, static_cast<U8>(n)); }
+  };
+  using Map = HashMap2018<MapNode<U32, Bytes>, U32>;
+  static_assert(sizeof(typename Map::Node) == size);
+  Map map;
+  for (U32 i = 0; i < 500; ++i)
+    map.insert(i, i);
+  const Map copy(map);
+  for (const Map* const each : {static_cast<const Map*>(&map), &copy}) {
+    each->verify();
+    for (const auto& node : *each)
+      for (const U8 byte : node.value.bytes)
+        ASSERT_EQ(byte, static_cast<U8>(node.key()));
+  }
+}
+TEST(HashMap2018Sizes, moveWhole) {
+  growBy<8>();
+  growBy<12>();
+  growBy<16>();
+  growBy<24>();
+  growBy<32>();
+  growBy<40>();
+  growBy<48>();
+  growBy<56>();
+  growBy<64>();
+  growBy<68>();
+}
+
 // Catches a batch that mixes up its keys, at every size around that of a group.
 TYPED_TEST(HashMap2018Random, batchesAgreeWithSingles) {
   using K = typename TestFixture::K;
@@ -366,6 +400,53 @@ TEST(HashMap2018Collisions, areFoundBySearch) {
   collide<MapOf<RuledKey<poor>, U32>>();
   collide<MapOf<RuledKey<lowest>, U32>>();
   collide<MapOf<RuledKey<highest>, U32>>();
+}
+
+// Catches a map that is filled in walk order and becomes one run, into which every insert at
+// another place moves thousands of entries.
+struct Mover {
+  static inline U64 moves = 0;
+  Mover() = default;
+  Mover(const Mover&) = default;
+  Mover(Mover&&) noexcept { ++moves; }
+};
+TEST(HashMap2018WalkOrder, leavesRoomForOthers) {
+  HashMap2018<MapNode<U64, Mover>, U64> whole;
+  constexpr U32 count = 40000;
+  for (U64 i = 0; i < count; ++i)
+    whole.insert(i);
+  struct Row {
+    const char* text;
+    U32 percent;
+    bool reserves;
+    U64 movesOfFill, movesOfOther;  // per insert
+  };
+  for (const Row& row : {
+           Row{"a quarter",                    25,  false, 10, 60},
+           Row{"half",                         50,  false, 10, 60},
+           Row{"all",                          100, false, 10, 60},
+           Row{"a quarter, reserved in steps", 25,  true,  10, 60},
+           Row{"half, reserved in steps",      50,  true,  10, 60}
+  }) {
+    SCOPED_TRACE(row.text);
+    HashMap2018<MapNode<U64, Mover>, U64> map;
+    const U32 filled = count / 100 * row.percent;
+    U32 reserved = 100;
+    Mover::moves = 0;
+    for (const auto& node : whole) {
+      if (map.count() == filled) break;
+      if (row.reserves && map.count() == reserved)
+        map.reserve(reserved = std::min(reserved * 4, count));
+      map.insert(node.key());
+    }
+    EXPECT_LE(Mover::moves / filled, row.movesOfFill);
+    map.verify();
+    Mover::moves = 0;
+    for (U64 i = 0; i < filled / 4; ++i)
+      map.insert(i + count);
+    EXPECT_LE(Mover::moves / (filled / 4), row.movesOfOther);
+    map.verify();
+  }
 }
 
 // Catches a change that has half happened when a node's constructor or an allocation throws,
