@@ -234,17 +234,14 @@ void Server::Impl::fail(Peer& peer, bool lasting, const std::string& reason) {
   if (peer.doomed) return;
   peer.doomed = true;
   peer.end = reason;
+  peer.isFault = lasting;
   if (lasting) ++errors;
   encode(peer.out(), Frame::Error{lasting, reason});
 }
 
 void Server::Impl::close(Peer& peer) {
-  if (!peer.connection.reason().empty())
-    log(false, "connection " + std::to_string(peer.id) + ", " + peer.text() +
-                   ", ended: " + peer.end);
-  else
-    log(true, "connection " + std::to_string(peer.id) + ", " + peer.text() +
-                  ", closed: " + peer.end);
+  log(peer.isFault, "connection " + std::to_string(peer.id) + ", " + peer.text() +
+                        (peer.isFault ? ", closed: " : ", ended: ") + peer.end);
   peer.connection.send(~std::size_t{0});
   while (!peer.mounts.empty())
     drop(peer.mounts.begin()->second);

@@ -58,6 +58,7 @@ struct Peer {
   bool catchUpEnded = false;  // at one of its mounts
   bool doomed = false;        // closed at the end of process()
   std::string end;            // why
+  bool isFault = false;       // of one of the two sides
   U32 events = 0;             // waited for
   U64 refusals = 0;
   std::set<std::string, std::less<>> modules{};  // that the client has

@@ -62,7 +62,7 @@ void Server::Impl::frame(Peer& peer, std::span<const U8> bytes) {
       return encode(peer.out(),
                     Frame::StatusIs{decode<Frame::Status>(bytes).number, status()});
     case FrameKind::error: {
-      peer.doomed = true;
+      peer.doomed = peer.isFault = true;
       peer.end = "the client says: " + printable(decode<Frame::Error>(bytes).reason);
       return;
     }

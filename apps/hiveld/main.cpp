@@ -14,6 +14,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "Hivel/Exception.h"
 #include "Hivel/Server.h"
 #include "Kop/Module.h"
 

@@ -43,10 +43,10 @@ class HivelServer : public testing::Test {
   }
 
   TempDir dir;
+  std::vector<std::string> warnings;  // the server's end may add to them
   Database database;
   Loop loop;
   std::unique_ptr<Server> server;
-  std::vector<std::string> warnings;
 };
 
 Ptr<Plot> somePlot(const char* name = "p") {
@@ -248,9 +248,10 @@ TEST_F(HivelServer, offersEntitiesOfItsOwnProcess) {
 // read.
 TEST_F(HivelServer, keepsToItsRules) {
   ServerOptions options = serverOptions(dir);
-  const std::string me = std::to_string(::getuid());
+  const std::string me = std::to_string(::getuid()),
+                    other = std::to_string(::getuid() + 1);
   for (const std::string& rule : std::vector<std::string>{
-           "a/secret:*:-", "a:" + me + ":rw", "b:" + me + "0:rw", "b:*:r"})
+           "a/secret:*:-", "a:" + me + ":rw", "b:" + other + ":rw", "b:*:r"})
     options.rules.push_back(parseRule(rule));
   serve(std::move(options));
   for (const char* path : {"a/open", "a/secret", "b", "c"})
@@ -504,8 +505,8 @@ TEST_F(HivelServer, listensOnceOnASocket) {
   // Also one that has lost its lock file, or never had one.
   ::unlink((path + ".lock").c_str());
   EXPECT_EQ(reason(path), "another server listens on " + path);
-  server.reset();
   loop.remove(server.get());
+  server.reset();
   EXPECT_TRUE(dir.names().empty());
 
   const int stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
