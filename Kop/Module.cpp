@@ -124,7 +124,8 @@ Width read(FwkType type, TextIt& it, const TextIt& end) {
     throw Exception(stringPrintf("%.*s has no enumerator '%.*s'",
                                  static_cast<int>(record.name.size()), record.name.data(),
                                  static_cast<int>(word.size()), word.data()));
-  const Width value = readAttr<Width>(digits, behind, record.name.data());
+  const String name(record.name);  // names are views and end in no NUL
+  const Width value = readAttr<Width>(digits, behind, name.c_str());
   it = behind;
   return value;
 }

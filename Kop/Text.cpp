@@ -122,12 +122,11 @@ float readAttr(TextIt& it, const TextIt& end, const char* attributeName) {
   const std::string_view rest(it.at(), static_cast<std::size_t>(end - it));
   TextIt word = it;
   if (word != end && *word == '-') ++word;
-  if (word != end && *word >= 'A') {
-    const std::string_view letters = readWord(word, end);
-    if (letters != "inf" && !(letters == "nan" && rest.starts_with('n')))
-      throwUnreadable(attributeName);
-  }
-  return readNumber<float>(it, end, attributeName);
+  if (word == end || *word < 'A') return readNumber<float>(it, end, attributeName);
+  const std::string_view letters = readWord(word, end);
+  if (letters != "inf" && !(letters == "nan" && rest.starts_with('n')))
+    throwUnreadable(attributeName);
+  return readNumber<float>(it, word, attributeName);
 }
 
 template <>

@@ -399,5 +399,7 @@ bool ValueOps<T>::truth(const T& value) {
 // At global scope, with the qualified name: a template can only be instantiated from a
 // namespace around its own. A derived value must not take over its base's hash() in silence.
 #define KOP_INSTANTIATE_VALUE(T)                                                     \
+  static_assert(Kop::rowsHaveNoGap<T>(),                                             \
+                "a number is missing between this type's rows");                     \
   static_assert(Kop::hashIsOwn<T>(), "a derived value needs a hash row of its own"); \
   template struct Kop::ValueOps<T>
