@@ -327,8 +327,6 @@ TEST(AttrLogPump, finishesAWaitingWalkBeforeItBeginsAnother) {
   EXPECT_EQ(modelOf(*copy), modelOf(*tree));
 }
 
-// ---------------------------------------------------------------------------------------
-
 // Every message there is, from a writer that is live and then sends all.
 std::vector<Bytes> allMessages(const Kop::Ptr<TallTree>& tree) {
   Stream stream;
@@ -436,8 +434,6 @@ TEST(AttrLogCorrupt, countsAndLengthsAreNotBelieved) {
   EXPECT_FALSE(victim.takes(frame(21, 1, 387, "0001 00000001 ffffffff 00000001 78")));
 }
 
-// ---------------------------------------------------------------------------------------
-
 // Catches a replica that is written by somebody else than its writer.
 TEST(AttrLogReplica, refusesLocalWrites) {
   const auto tree = fullTree("t"), copy = TallTree::TallTreeIs("copy");
@@ -515,7 +511,8 @@ TEST(AttrLogBoth, sidesWriteToEachOtherWithoutEcho) {
   const auto settle = [&] {
     U64 messages = 0;
     for (bool quiet = false; !quiet;) {
-      quiet = aSession.process() & bSession.process();
+      quiet = aSession.process();
+      quiet = bSession.process() && quiet;
       const auto toB = taken(aStream), toA = taken(bStream);
       for (const Bytes& each : toB)
         bStream.received(each);
