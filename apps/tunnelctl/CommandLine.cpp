@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ostream>
+#include <set>
 
 #include <dlfcn.h>
 
@@ -57,7 +58,7 @@ class Command {
  public:
   explicit Command(Arguments& arguments) : a_(arguments) {
     app_.name("tunnelctl");
-    app_.require_subcommand(1);
+    app_.require_subcommand(0, 1);  // see verbs(): a better error than its own
     app_.fallthrough();
     app_.set_help_flag("-h,--help", "Show this text");
     app_.add_flag("-j,--json", a_.style.json,
@@ -81,6 +82,12 @@ class Command {
 
   CLI::App& app() { return app_; }
   const std::function<int(const Context&)>& action() const { return action_; }
+  std::string verbs() const {
+    std::string names;
+    for (const CLI::App* verb : app_.get_subcommands(nullptr))
+      names += (names.empty() ? "" : ", ") + verb->get_name();
+    return names;
+  }
 
  private:
   using Action = std::function<int(const Context&)>;
@@ -90,8 +97,17 @@ class Command {
     });
   }
   // A verb that decodes words, with a verb below it that encodes.
-  static int showRecords(const Context& context, const Json& records) {
+  static int showRecords(const Context& context, Json records) {
     const bool down = records.items.size() == 1 || context.style.detail;
+    // What a table leaves out, because it follows from the rest or is wide.
+    static const std::set<std::string> wide = {"number", "type", "text", "diagnostic"};
+    if (!down && !context.style.json)
+      for (Json& record : records.items)
+        for (std::size_t i = record.names.size(); i-- > 0;)
+          if (record.find("table") && wide.contains(record.names[i])) {
+            record.names.erase(record.names.begin() + static_cast<std::ptrdiff_t>(i));
+            record.items.erase(record.items.begin() + static_cast<std::ptrdiff_t>(i));
+          }
     printRecords(context.out, context.style, records, down);
     return 0;
   }
@@ -231,9 +247,19 @@ int run(const std::vector<std::string>& arguments, const Terminal& terminal) {
     } catch (const CLI::CallForHelp&) {
       terminal.out << command.app().help();
       return 0;
+    } catch (const CLI::ExtrasError& error) {
+      const auto left = command.app().remaining(true);
+      if (!command.action() && !left.empty() && !left.front().starts_with('-'))
+        return fail(
+            terminal, exitUsage,
+            "VERB '" + printable(left.front()) + "': expected one of " + command.verbs());
+      return fail(terminal, exitUsage, error.what());
     } catch (const CLI::ParseError& error) {
       return fail(terminal, exitUsage, error.what());
     }
+    if (!command.action())
+      return fail(terminal, exitUsage,
+                  "VERB is missing: expected one of " + command.verbs());
     loadTypes(read.typeLibraries);
     read.style.colour = terminal.isTerminal && !std::getenv("NO_COLOR");
     const Context context{read.style, read.socketPath, milliseconds(read.timeout),

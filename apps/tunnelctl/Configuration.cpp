@@ -31,24 +31,42 @@ PlannedEntity planEntity(const Kop::TypeRecord& type,
                          const Where* up,
                          bool isRoot);
 
+// An object by key, or an array of {key, value} for keys that are no names.
 std::vector<PlannedEntry> planChildren(const EntityMember& member,
                                        const Json& json,
                                        const Where& where) {
-  if (!json.is(Json::Kind::object))
-    fail(json, where, "found " + json.summary() + ", expected an object by key");
+  const Kop::TypeOps& keyType = *member.collection->key;
   std::vector<PlannedEntry> entries;
   std::unordered_set<std::string> seen;
-  for (std::size_t i = 0; i < json.items.size(); ++i) {
-    const Where inner{&where, json.names[i]};
-    const Json& item = json.items[i];
+  const auto add = [&](GenericValue key, const Json& child, const Where& at) {
+    if (!seen.insert(std::string(key.text())).second)
+      fail(child, at, "this key stands twice");
     PlannedEntry entry;
-    entry.key = keyFromName(*member.collection->key, json.names[i], item.line, inner,
-                            Numbers::declared);
-    if (!seen.insert(std::string(entry.key.text())).second)
-      fail(item, inner, "this key stands twice");
+    entry.key = std::move(key);
     entry.child = std::make_unique<PlannedEntity>(
-        planEntity(childTypeOf(member), item, &inner, false));
+        planEntity(childTypeOf(member), child, &at, false));
     entries.push_back(std::move(entry));
+  };
+  if (!json.is(Json::Kind::object) && !json.is(Json::Kind::array))
+    fail(json, where, "found " + json.summary() + ", expected an object by key");
+  for (std::size_t i = 0; i < json.items.size(); ++i) {
+    const Json& item = json.items[i];
+    if (json.is(Json::Kind::object)) {
+      const Where at{&where, json.names[i]};
+      add(keyFromName(keyType, json.names[i], item.line, at, Numbers::declared), item,
+          at);
+      continue;
+    }
+    const std::string index = "[" + std::to_string(i) + "]";
+    const Where at{&where, index};
+    const Json* const key = item.is(Json::Kind::object) ? item.find("key") : nullptr;
+    const Json* const value = item.is(Json::Kind::object) ? item.find("value") : nullptr;
+    if (!key || !value || item.items.size() != 2)
+      fail(item, at,
+           "found " + item.summary() + ", expected {\"key\": .., \"value\": ..}");
+    GenericValue read(&keyType);
+    fromJson(keyType, read.get(), *key, Where{&at, "key"}, Numbers::declared);
+    add(std::move(read), *value, Where{&at, "value"});
   }
   return entries;
 }

@@ -136,6 +136,12 @@ std::optional<IntfId> intfNamed(std::string_view name) {
 std::optional<TunnelId> tunnelIdFromText(std::string_view text) {
   if (const auto id = fromCliText(text)) return id;
   if (const auto id = fromDiagnosticText(text)) return id;
+  // Of static interface tunnels the name holds the index, also one too large for a name of
+  // any real interface.
+  constexpr std::string_view staticName = "Tunnel";
+  if (text.starts_with(staticName))
+    if (const auto index = readNumber(text.substr(staticName.size())))
+      return idOf(staticInterfaceTunnel, *index);
   if (const auto intf = intfNamed(text)) return fromInterface(*intf);
   return {};
 }
@@ -327,14 +333,14 @@ Json describe(IntfId intf) {
 
 Json decodeTunnelIds(const std::vector<std::string>& words) {
   std::string joined;
-  for (const std::string& word : words)
+  bool areWords = words.size() > 1;
+  for (const std::string& word : words) {
     joined += (joined.empty() ? "" : " ") + word;
+    areWords = areWords && word.find(' ') == word.npos;
+  }
   Json records = Json::array();
-  if (words.size() > 1)
-    if (const auto id = tunnelIdFromText(joined))
-      return std::move(records.push(describe(*id)));
-  if (words.size() > 1 && joined.find(" tunnel index ") != joined.npos)
-    readTunnelId(joined);
+  if (areWords && joined.find(" tunnel index ") != joined.npos)
+    return std::move(records.push(describe(readTunnelId(joined))));
   for (const std::string& word : words)
     records.push(describe(readTunnelId(word)));
   return records;

@@ -52,9 +52,13 @@ namespace {
 
 Json collectionState(Entity& entity, const EntityMember& member) {
   const Kop::CollectionOps& ops = *member.collection;
-  const bool named = !member.isSet() && keysAreNames(*ops.key);
+  const auto keys = sortedKeys(entity, member);
+  const bool named = !member.isSet() &&
+                     std::all_of(keys.begin(), keys.end(), [&](const GenericValue& key) {
+                       return isName(*ops.key, key.get());
+                     });
   Json json = named ? Json::object() : Json::array();
-  for (const GenericValue& key : sortedKeys(entity, member)) {
+  for (const GenericValue& key : keys) {
     if (member.isSet()) {
       json.push(toJson(*ops.key, key.get()));
       continue;

@@ -206,8 +206,8 @@ int value(const Context& context,
       throw UsageError("TYPE '" + str(type.name) +
                        "': holds a collection, which is not read from text; use --json");
     try {
-      value.textIs(*text);
-    } catch (const Kop::Exception& error) {
+      fromText(*type.value->ops, value.get(), *text);
+    } catch (const DataError& error) {
       throw UsageError("TEXT: " + str(error.what()) + "; the default value is " +
                        std::string(GenericValue(type.value->ops).text()));
     }

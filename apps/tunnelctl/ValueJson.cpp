@@ -25,6 +25,12 @@ std::string textOf(const TypeOps& type, const void* value) {
   return std::string(out.view());
 }
 
+// The runtime reports against the name it was given for the whole.
+std::string withoutRoot(const std::string& reason) {
+  constexpr std::string_view root = "value: ";
+  return reason.starts_with(root) ? reason.substr(root.size()) : reason;
+}
+
 // Reads the whole text.
 void parseText(const TypeOps& type, void* value, const Kop::String& text) {
   Kop::TextIt it = text.begin();
@@ -125,7 +131,7 @@ void scalarFromText(const TypeOps& type,
   } catch (const Kop::RangeException& error) {
     // Of a built-in type, what is expected says it all.
     if (!type.record()) failExpected(type, json, where);
-    fail(json, where, "found " + json.summary() + ": " + error.what());
+    fail(json, where, "found " + json.summary() + ": " + withoutRoot(error.what()));
   } catch (const Kop::Exception&) {
     failExpected(type, json, where);
   }
@@ -191,9 +197,13 @@ std::vector<std::pair<std::string, std::pair<const void*, const void*>>> sortedE
 Json collectionToJson(const TypeOps& type, const void* collection) {
   const TypeOps& keyType = *type.elements->key;
   const TypeOps* const valueType = type.elements->value;
-  const bool named = valueType && keysAreNames(keyType);
+  const auto elements = sortedElements(type, collection);
+  const bool named =
+      valueType && std::all_of(elements.begin(), elements.end(), [&](const auto& e) {
+        return isName(keyType, e.second.first);
+      });
   Json json = named ? Json::object() : Json::array();
-  for (const auto& [text, element] : sortedElements(type, collection)) {
+  for (const auto& [text, element] : elements) {
     if (named) {
       json.add(keyName(keyType, element.first), toJson(*valueType, element.second));
     } else if (!valueType) {
@@ -208,7 +218,50 @@ Json collectionToJson(const TypeOps& type, const void* collection) {
   return json;
 }
 
+// The attribute that stands at a place in the text of a record: "decapIntfKey.addressFamily".
+std::string attributeAt(std::string_view text, std::size_t at) {
+  std::vector<std::string> names;
+  std::size_t i = 0;
+  while (i < at && i < text.size()) {
+    if (text.substr(i).starts_with("** {")) {
+      names.emplace_back();
+      i += 4;
+    } else if (text[i] == '}') {
+      if (!names.empty()) names.pop_back();
+      ++i;
+    } else if (text[i] == '\'') {
+      std::size_t end = i + 1;
+      while (end < text.size() && text[end] != '\'')
+        end += text[end] == '\\' ? 2 : 1;
+      if (end >= text.size() || end >= at) break;
+      if (!names.empty() && text.substr(end + 1).starts_with(": "))
+        names.back() = text.substr(i + 1, end - i - 1);
+      i = end + 1;
+    } else {
+      ++i;
+    }
+  }
+  std::string path;
+  for (const std::string& name : names)
+    if (!name.empty()) path += (path.empty() ? "" : ".") + name;
+  return path;
+}
+
 }  // namespace
+
+void fromText(const TypeOps& type, void* value, std::string_view text) {
+  const Kop::String whole(text);
+  Kop::TextIt it = whole.begin();
+  try {
+    type.parse(value, it, whole.end(), "value");
+    Kop::needEndOfText(it, whole.end());
+  } catch (const Kop::RangeException& error) {
+    throw DataError(0, "", withoutRoot(error.what()));  // names the attributes already
+  } catch (const Kop::Exception& error) {
+    throw DataError(0, attributeAt(whole, static_cast<std::size_t>(it - whole.begin())),
+                    withoutRoot(error.what()));
+  }
+}
 
 std::string Where::text() const {
   const std::string above = up ? up->text() : "";
@@ -252,8 +305,8 @@ std::string expected(const TypeOps& type) {
   return "a string that is a " + std::string(type.name);
 }
 
-bool keysAreNames(const TypeOps& type) {
-  return formOf(type).isScalar();
+bool isName(const TypeOps& type, const void* key) {
+  return formOf(type).isScalar() && !toJson(type, key).is(Json::Kind::object);
 }
 
 Json toJson(const TypeOps& type, const void* value) {

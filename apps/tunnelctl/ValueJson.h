@@ -17,8 +17,8 @@
 //   Kop::String, addresses   their bare text; {"bytes": "<hex>"} when it is not UTF-8
 //   other types              the text as it stands
 //   set                      array
-//   map                      object by key, or array of {"key": .., "value": ..} when the key
-//                            is a record
+//   map                      object by key, or array of {"key": .., "value": ..} when a key
+//                            is a record or not UTF-8
 //
 // Reading takes everything that writing makes, and for any map both forms.
 
@@ -68,8 +68,9 @@ const Form& formOf(const Kop::TypeOps& type);
 Json toJson(const Kop::TypeOps& type, const void* value);
 // The key of a map as the name of a JSON object's member.
 std::string keyName(const Kop::TypeOps& type, const void* key);
-// Whether all maps keyed by the type are written as objects.
-bool keysAreNames(const Kop::TypeOps& type);
+// Whether a key can be the name of a JSON object's member: neither a record nor a string
+// that is not UTF-8. A map with a key that cannot is written as an array.
+bool isName(const Kop::TypeOps& type, const void* key);
 
 // Errors   DataError; the object may then hold any value.
 void fromJson(const Kop::TypeOps& type,
@@ -108,6 +109,11 @@ std::string toLine(const Kop::TypeOps& type,
                    const void* key = nullptr);
 // A key: of a record the members' values alone.
 std::string toWords(const Kop::TypeOps& type, const void* key);
+
+// Reads a value from the whole of its text.
+//
+// Errors   DataError without line: names the attribute, below nested ones.
+void fromText(const Kop::TypeOps& type, void* value, std::string_view text);
 
 // What a type takes, for error texts.
 std::string expected(const Kop::TypeOps& type);
