@@ -14,7 +14,7 @@ using namespace Hivel;
 // Random writes, readers that come and go, and a barrier: then every copy is equal. Catches
 // a change that is lost, doubled or out of order, also while a catch-up is under way.
 TEST(HivelReplication, copiesAreEqualAfterABarrier) {
-  for (const U32 seed : {1u, 2u, 3u}) {
+  for (U32 seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     std::minstd_rand random(seed);
     TempDir dir;
@@ -114,6 +114,48 @@ TEST(HivelReplication, aReaderThatDoesNotReadCostsOnlyItself) {
   EXPECT_TRUE(loop.until([&] {
     return stuck.state() == Mount::State::live && dump(stuck.entity()) == dump(plot);
   }));
+}
+
+// Catches a replica that calls itself live while it is a mixture of two writers' states.
+TEST(HivelReplication, aReaderIsLiveOnlyWithAWholeState) {
+  TempDir dir;
+  Database database;
+  Server server(database, serverOptions(dir));
+  Client reader(clientOptions(dir, "reader"));
+  Loop loop;
+  loop.add(server);
+  loop.add(reader);
+  const auto plotOfMany = [](const std::string& text) {
+    const auto plot = Plot::PlotIs("p");
+    for (U32 key = 0; key < 6000; ++key)
+      plot->noteIs(key, Kop::String(text + std::string(150, 'x')));
+    return plot;
+  };
+  const Ptr<Plot> plots[] = {plotOfMany("a"), plotOfMany("b"), plotOfMany("c")};
+  const Mount* in = &reader.mount("a", Mode::read);
+  bool dies = false, mixed = false;
+  for (const auto& plot : plots) {
+    Client writer(clientOptions(dir, "writer"));
+    writer.mount("a", Mode::replace, {plot, {}, true});
+    loop.add(writer);
+    const auto isWhole = [&] {
+      const std::string state = dump(in->entity());
+      if (in->state() == Mount::State::catchingUp) mixed = true;
+      if (in->state() != Mount::State::live) return false;
+      // Live: one of the three, the second only if its writer lived to tell it.
+      EXPECT_TRUE(state == dump(plots[0]) || state == dump(plots[2]));
+      return state == dump(plot);
+    };
+    if (plot == plots[1]) {  // dies half-way
+      dies = loop.until([&] { return isWhole(), mixed; });
+    } else {
+      EXPECT_TRUE(loop.until(isWhole));
+    }
+    loop.remove(&writer);
+    if (!dies) mixed = false;
+  }
+  EXPECT_TRUE(dies);
+  EXPECT_TRUE(mixed);
 }
 
 // Catches a copy that keeps what was deleted while the server was away, and a client that
