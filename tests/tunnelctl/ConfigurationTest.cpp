@@ -343,7 +343,7 @@ TEST(ConfigurationApply, whatIsShownOfEveryTypeCanBeApplied) {
       SCOPED_TRACE(text);
       const Configuration plan = parseConfiguration(text, "f.json");
       const auto copy = type.entity->make("x");
-      Changes changes, again, back;
+      Changes changes, back;
       if (i > 4) random.fill(*copy);
       apply(plan.paths[0].entity, *copy, false, changes);
       ASSERT_EQ(writeJson(stateOf("x", *copy), i % 2 == 0), text);

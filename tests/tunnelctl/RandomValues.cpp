@@ -71,17 +71,9 @@ const char* const wordTexts[] = {
 GenericValue Random::value(const TypeOps& type) {
   GenericValue value(&type);
   if (type.name == "Kop::String") {
-    static const char* const texts[] = {"",
-                                        "edge",
-                                        "a b",
-                                        "it's",
-                                        "\xff",
-                                        "\n\t\x01",
-                                        "gr\xc3\xb6"
-                                        "n",
-                                        "x\\y\"z",
-                                        "{}",
-                                        "12345678901234567890"};
+    static const char* const texts[] = {
+        "",         "edge",     "a b",     "it's", "\xff",
+        "\n\t\x01", "\xc3\xb6", "x\\y\"z", "{}",   "12345678901234567890"};
     const Kop::String text(oneOf(texts));
     type.assign(value.get(), &text);
     return value;
