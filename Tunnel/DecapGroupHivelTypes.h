@@ -3,6 +3,7 @@
 #include "Kop/Entity.h"
 #include "Kop/Hash.h"
 #include "Kop/Value.h"
+#include "Tunnel/Export.h"
 #include "Vantor/AddressFamily.h"
 #include "Vantor/IntfId.h"
 #include "Vantor/IpGenAddr.h"
@@ -25,7 +26,7 @@ KOP_ENUM(TunnelDecapIpSrc, U8, ip = 0, intf = 1);
 KOP_ENUM(AddressType, U8, primary = 0, all = 1);
 
 // An interface and a family: names one row of a group's interface collections.
-class KOP_EXPORT DecapIntfKey : public Kop::Value<DecapIntfKey> {
+class TUNNEL_EXPORT DecapIntfKey : public Kop::Value<DecapIntfKey> {
   KOP_VALUE(DecapIntfKey);
 
   KOP_ATTR(2, Vantor::IntfId, intfId);
@@ -35,7 +36,7 @@ class KOP_EXPORT DecapIntfKey : public Kop::Value<DecapIntfKey> {
 };
 
 // What is decapsulated on an interface. Unhashable.
-class KOP_EXPORT DecapIntf : public Kop::Value<DecapIntf> {
+class TUNNEL_EXPORT DecapIntf : public Kop::Value<DecapIntf> {
   KOP_VALUE(DecapIntf);
 
   KOP_ATTR(2, DecapIntfKey, decapIntfKey);
@@ -48,7 +49,7 @@ class KOP_EXPORT DecapIntf : public Kop::Value<DecapIntf> {
 
 // The interfaces on which the packets of a key are left alone. Unhashable; has no text that
 // could be read back: its string constructor is an assertion.
-class KOP_EXPORT DecapExcludeIntfSet : public Kop::Value<DecapExcludeIntfSet> {
+class TUNNEL_EXPORT DecapExcludeIntfSet : public Kop::Value<DecapExcludeIntfSet> {
   KOP_VALUE(DecapExcludeIntfSet);
 
   KOP_ATTR(2, DecapIntfKey, decapIntfKey);
@@ -62,10 +63,10 @@ class KOP_EXPORT DecapExcludeIntfSet : public Kop::Value<DecapExcludeIntfSet> {
 // Orders the sets first and the keys last: fewer members before more, then by the first
 // place of the walks where the members differ.
 // Errors   an assertion when a set changes under the walk.
-KOP_EXPORT bool valueLess(const DecapExcludeIntfSet& a, const DecapExcludeIntfSet& b);
+TUNNEL_EXPORT bool valueLess(const DecapExcludeIntfSet& a, const DecapExcludeIntfSet& b);
 
 // One named set of rules. Lives in a ConfigInput.
-class KOP_EXPORT DecapGroup : public Kop::Entity {
+class TUNNEL_EXPORT DecapGroup : public Kop::Entity {
   KOP_ENTITY(DecapGroup);
 
   // Destination addresses. An entry counts whatever its boolean says.
@@ -84,7 +85,7 @@ class KOP_EXPORT DecapGroup : public Kop::Entity {
 };
 
 // The decap groups of one source of configuration.
-class KOP_EXPORT ConfigInput : public Kop::Entity {
+class TUNNEL_EXPORT ConfigInput : public Kop::Entity {
   KOP_ENTITY(ConfigInput);
   KOP_FACTORY(ConfigInput);
 
@@ -96,7 +97,7 @@ class KOP_EXPORT ConfigInput : public Kop::Entity {
 KOP_FACTORY_FUNCTION(configInputFactory, ConfigInput);
 
 // Asks for the decapsulation counters of addresses to be cleared.
-class KOP_EXPORT CountersClearConfig : public Kop::Entity {
+class TUNNEL_EXPORT CountersClearConfig : public Kop::Entity {
   KOP_ENTITY(CountersClearConfig);
   KOP_FACTORY(CountersClearConfig);
 
@@ -107,7 +108,7 @@ KOP_FACTORY_FUNCTION(countersClearConfigFactory, CountersClearConfig);
 namespace Hardware {
 
 // What the platform can decapsulate. A fresh one claims nothing.
-class KOP_EXPORT Capability : public Kop::Entity {
+class TUNNEL_EXPORT Capability : public Kop::Entity {
   KOP_ENTITY(Capability);
   KOP_FACTORY(Capability);
 
@@ -127,7 +128,7 @@ class KOP_EXPORT Capability : public Kop::Entity {
 KOP_FACTORY_FUNCTION(capabilityFactory, Capability);
 
 // What the platform has come to.
-class KOP_EXPORT Status : public Kop::Entity {
+class TUNNEL_EXPORT Status : public Kop::Entity {
   KOP_ENTITY(Status);
   KOP_FACTORY(Status);
 

@@ -1,11 +1,12 @@
 #pragma once
 
 #include "Kop/Entity.h"
+#include "Tunnel/Export.h"
 
 namespace Tunnel {
 
 // What is configured for all MPLS tunnels alike.
-class KOP_EXPORT MplsTunnelConfig : public Kop::Entity {
+class TUNNEL_EXPORT MplsTunnelConfig : public Kop::Entity {
   KOP_ENTITY(MplsTunnelConfig);
   KOP_FACTORY(MplsTunnelConfig);
 

@@ -6,6 +6,7 @@
 #include "Kop/Exception.h"
 #include "Kop/Hash.h"
 #include "Kop/Value.h"
+#include "Tunnel/Export.h"
 #include "Vantor/AddressFamily.h"
 #include "Vantor/IntfId.h"
 
@@ -33,8 +34,8 @@ KOP_ENUM(GreHdrFlagsType,
 //
 // Errors   those of getToggleState; the next call then asks again.
 // Threads  any.
-KOP_EXPORT bool toggleFlexAlgoEnabled();
-KOP_EXPORT bool toggleOspfSegmentRoutingTunnelEnabled();
+TUNNEL_EXPORT bool toggleFlexAlgoEnabled();
+TUNNEL_EXPORT bool toggleOspfSegmentRoutingTunnelEnabled();
 
 namespace TunnelTable {
 
@@ -124,7 +125,7 @@ KOP_ENUM(TunnelTransportType, U8, unknownTunnel = 0, mplsTunnel = 1, ipTunnel = 
 
 // The layout of a TunnelId. The flex-algorithm number lies over the top of the index, in
 // identifiers of type isisFlexAlgoTunnel only.
-class KOP_EXPORT TunnelIdConstants : public Kop::Value<TunnelIdConstants> {
+class TUNNEL_EXPORT TunnelIdConstants : public Kop::Value<TunnelIdConstants> {
   KOP_VALUE(TunnelIdConstants);
 
   KOP_CONSTANT(2, U64, tunnelIndexMask, 0x7ffffffffff);
@@ -148,7 +149,7 @@ class KOP_EXPORT TunnelIdConstants : public Kop::Value<TunnelIdConstants> {
 // attribute log is not checked, so its type may be any number.
 //
 // Errors   a number above maxValue, from text or a constructor: RangeException.
-class KOP_EXPORT TunnelId : public Kop::Value<TunnelId> {
+class TUNNEL_EXPORT TunnelId : public Kop::Value<TunnelId> {
   KOP_VALUE(TunnelId);
 
   KOP_WRAPPED(2, U64, value);
@@ -213,10 +214,10 @@ class KOP_EXPORT TunnelId : public Kop::Value<TunnelId> {
 };
 
 // Inserts the number, with the stream's own flags.
-KOP_EXPORT std::ostream& operator<<(std::ostream& out, const TunnelId& id);
+TUNNEL_EXPORT std::ostream& operator<<(std::ostream& out, const TunnelId& id);
 
 // The layout of an EncapId.
-class KOP_EXPORT EncapIdConstants : public Kop::Value<EncapIdConstants> {
+class TUNNEL_EXPORT EncapIdConstants : public Kop::Value<EncapIdConstants> {
   KOP_VALUE(EncapIdConstants);
 
   KOP_CONSTANT(2, U32, encapTypeMask, 0xf0000000);
@@ -225,7 +226,7 @@ class KOP_EXPORT EncapIdConstants : public Kop::Value<EncapIdConstants> {
 };
 
 // Names an encapsulation: its kind in bits 28-31, an index below.
-class KOP_EXPORT EncapId : public Kop::Value<EncapId> {
+class TUNNEL_EXPORT EncapId : public Kop::Value<EncapId> {
   KOP_VALUE(EncapId);
 
   KOP_ATTR(2, U32, encapIdValue);  // the setter takes any word
@@ -249,7 +250,7 @@ class KOP_EXPORT EncapId : public Kop::Value<EncapId> {
 };
 
 // Names a tunnel as one chip knows it. Ordered by index, then chip.
-class KOP_EXPORT HwTunnelKey : public Kop::Value<HwTunnelKey> {
+class TUNNEL_EXPORT HwTunnelKey : public Kop::Value<HwTunnelKey> {
   KOP_VALUE(HwTunnelKey);
 
   KOP_ATTR(2, U64, index);
@@ -259,7 +260,7 @@ class KOP_EXPORT HwTunnelKey : public Kop::Value<HwTunnelKey> {
 
 // What a tunnel can carry, in the unit of the protocol that announced it. Nothing is known
 // by default, which is not the same as defaultValue.
-class KOP_EXPORT TunnelBandwidth : public Kop::Value<TunnelBandwidth> {
+class TUNNEL_EXPORT TunnelBandwidth : public Kop::Value<TunnelBandwidth> {
   KOP_VALUE(TunnelBandwidth);
 
   KOP_WRAPPED(2, float, value, -1.0f);
@@ -273,13 +274,14 @@ class KOP_EXPORT TunnelBandwidth : public Kop::Value<TunnelBandwidth> {
 };
 
 // Inserts the number, with the stream's own flags.
-KOP_EXPORT std::ostream& operator<<(std::ostream& out, const TunnelBandwidth& bandwidth);
+TUNNEL_EXPORT std::ostream& operator<<(std::ostream& out,
+                                       const TunnelBandwidth& bandwidth);
 
 }  // namespace TunnelTable
 
 // Counts the versions of a tunnel entry. 0 is no version; a live number runs from 1 to 65535
 // and on at 1. Unhashable.
-class KOP_EXPORT TunnelEntrySequenceNumber
+class TUNNEL_EXPORT TunnelEntrySequenceNumber
     : public Kop::Value<TunnelEntrySequenceNumber> {
   KOP_VALUE(TunnelEntrySequenceNumber);
 
@@ -301,8 +303,8 @@ class KOP_EXPORT TunnelEntrySequenceNumber
 };
 
 // Inserts the number, with the stream's own flags.
-KOP_EXPORT std::ostream& operator<<(std::ostream& out,
-                                    const TunnelEntrySequenceNumber& number);
+TUNNEL_EXPORT std::ostream& operator<<(std::ostream& out,
+                                       const TunnelEntrySequenceNumber& number);
 
 namespace TunnelTable {
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Kop/Value.h"
+#include "Tunnel/Export.h"
 #include "Vantor/IntfId.h"
 
 namespace Vantor {
@@ -11,7 +12,7 @@ namespace Vantor {
 //
 // The value's text is the interface's word as a number, not its name: names are for people,
 // and this text is read back.
-class KOP_EXPORT DynamicTunnelIntfId : public Kop::Value<DynamicTunnelIntfId> {
+class TUNNEL_EXPORT DynamicTunnelIntfId : public Kop::Value<DynamicTunnelIntfId> {
   KOP_VALUE(DynamicTunnelIntfId);
 
   KOP_WRAPPED(2, IntfId, intfId);
