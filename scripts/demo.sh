@@ -56,12 +56,15 @@ give_up() {
   done
   exit 1
 }
-# until_true WHAT COMMAND...: waits at most ten seconds.
+# until_true WHAT COMMAND...: waits at most ten seconds, and only for processes that live.
 until_true() {
   what=$1
   shift
   tries=0
   until "$@" >/dev/null 2>&1; do
+    for process in $database $follower; do
+      kill -0 "$process" 2>/dev/null || give_up "process $process ended before $what"
+    done
     tries=$((tries + 1))
     [ "$tries" -lt 200 ] || give_up "waited 10 s in vain until $what"
     sleep 0.05
@@ -86,10 +89,11 @@ title 'The state database starts'
   >"$directory/hiveld.log" 2>&1 &
 database=$!
 until_true 'the database listens' ctl status
-echo "  hiveld, process $database, knows $(ctl -br types | wc -l) modules of types"
+modules=$(sed -n 's/.* \([0-9]*\) modules known.*/\1/p' "$directory/hiveld.log" | tail -n 1)
+echo "  hiveld, process $database, with ${modules:-some} modules of types"
 
 title 'A second process follows everything below "tunnel"'
-"$bin/tunnelctl" -s "$socket" monitor tunnel --state "$directory/followed.json" \
+"$bin/tunnelctl" -s "$socket" -p monitor tunnel --state "$directory/followed.json" \
   >"$directory/events" 2>"$directory/monitor.log" &
 follower=$!
 until_true 'the follower has its snapshot' grep -q 'changes from here on' "$directory/events"
@@ -139,7 +143,7 @@ apply_and_show examples/edge-router-change.json
 
 title 'Are all copies equal?'
 check examples/edge-router-change.json
-ctl -j show tunnel >"$directory/shown.json" || give_up 'the state could not be shown'
+ctl -j -p show tunnel >"$directory/shown.json" || give_up 'the state could not be shown'
 stop "$follower" || give_up 'the follower failed'
 follower=''
 if cmp -s "$directory/shown.json" "$directory/followed.json"; then

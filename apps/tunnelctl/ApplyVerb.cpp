@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -20,10 +21,12 @@ using Clock = std::chrono::steady_clock;
 std::string readFile(const std::string& name) {
   if (name == "-")
     return {std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+  const std::string error = "FILE '" + name + "': cannot be read";
+  if (std::filesystem::is_directory(name)) throw Failure(error + ", it is a directory");
   std::ifstream file(name, std::ios::binary);
   std::string text{std::istreambuf_iterator<char>(file),
                    std::istreambuf_iterator<char>()};
-  if (!file.is_open() || file.bad()) throw Failure("FILE '" + name + "': cannot be read");
+  if (!file.is_open() || file.bad()) throw Failure(error);
   return text;
 }
 
