@@ -95,6 +95,23 @@ TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
   }
 }
 
+// Catches an answer that is sent before what it answers.
+TEST(AttrLogCut, writesInAnswerToAWriteFollowIt) {
+  const auto tree = TallTree::TallTreeIs("t");
+  struct Answer : Kop::Reactor<TallTree> {
+    using Reactor::Reactor;
+    void markReaction(const U32&) override { notifier()->flagIs("answer", true); }
+  };
+  const Answer answer(tree);  // listens before the session does
+  Stream stream;
+  const Session session(stream, tree, Session::writes);
+  tree->markIs(1);
+  const auto frames = framesOf(bytesOf(stream.out()));
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(wordAt(frames[0], 9), 258u);
+  EXPECT_EQ(wordAt(frames[1], 9), 259u);
+}
+
 // Values of one key that are older than what it had, or that nobody wrote.
 struct Order : Kop::Reactor<TallTree> {
   using Reactor::Reactor;
