@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Kop/Exception.h"
 #include "Kop/GenericIf.h"
 #include "Kop/Module.h"
 #include "apps/tunnelctl/Json.h"
@@ -114,6 +115,9 @@ std::string toWords(const Kop::TypeOps& type, const void* key);
 //
 // Errors   DataError without line: names the attribute, below nested ones.
 void fromText(const Kop::TypeOps& type, void* value, std::string_view text);
+
+// The runtime's message, without the name that was given for the value as a whole.
+std::string reasonOf(const Kop::Exception& error);
 
 // What a type takes, for error texts.
 std::string expected(const Kop::TypeOps& type);

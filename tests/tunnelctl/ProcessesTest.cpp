@@ -186,6 +186,8 @@ TEST_F(ProcessesTest, whatOneAppliesAnotherFollowsAndAThirdShows) {
   EXPECT_EQ(contents(held), last.out);
   EXPECT_THAT(ctl({"show"}).out, HasSubstr("tunnel/mpls/config"));
   EXPECT_THAT(ctl({"show", "tunnel/mpls"}).out, HasSubstr("entropyLabelPush  true"));
+  EXPECT_THAT(ctl({"show", "tunnel/decap"}).out,
+              HasSubstr("Loopback0 ipv4  addressType all, oldConfig false\n"));
   EXPECT_EQ(ctl({"show", "frob"}).status, 1);
 }
 
