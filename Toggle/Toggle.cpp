@@ -36,7 +36,8 @@ int readFile(const std::string& path, std::string& contents) {
   return error;
 }
 
-// What the parser reads, and where it puts unescaped strings: never behind its read position.
+// What the parser reads, and where it puts unescaped strings: never behind its read position,
+// save for a character that the end of the text cuts off, of which it would put NULs there.
 // A stream of its own kind, because the parser works on copies of the kinds it knows, and
 // events could then not ask where it stands.
 class Input {
@@ -50,7 +51,9 @@ class Input {
   std::size_t Tell() const { return static_cast<std::size_t>(at_ - begin_); }
 
   char* PutBegin() { return put_ = at_; }
-  void Put(char c) { *put_++ = c; }
+  void Put(char c) {
+    if (put_ < end_) *put_++ = c;
+  }
   std::size_t PutEnd(const char* from) { return static_cast<std::size_t>(put_ - from); }
   void Flush() {}
 
