@@ -192,9 +192,9 @@ struct CollBody {
       attrLogWrite(out, node.value);
     sa.outSmCommitMessage(begin);
   }
-  // The current state of one key, whatever it is.
-  static void writeKey(const D& entity, EntitySa& sa, const K& key) {
-    if (const Node* node = map(entity).find(key)) {
+  // The current state of one key: `node` is its entry, or null when it is absent.
+  static void writeState(EntitySa& sa, const K& key, const Node* node) {
+    if (node) {
       writeSet(sa, *node);
       if constexpr (isChildren) sa.childSent(*node->value, true);
       return;
@@ -207,9 +207,10 @@ struct CollBody {
   static void handleExtKeyValueCollSerialization(const D& entity,
                                                  EntitySa& sa,
                                                  const K& key) {
-    const auto kindNow = map(entity).has(key) ? NboAttrLog::collSet : NboAttrLog::collDel;
-    const auto check = sa.collSerializeCheck(N, kindNow);
-    if (check.out) writeKey(entity, sa, key);
+    const Node* const node = map(entity).find(key);
+    const auto check =
+        sa.collSerializeCheck(N, node ? NboAttrLog::collSet : NboAttrLog::collDel);
+    if (check.out) writeState(sa, key, node);
     if (check.resync || !check.out) {
       Flow& flow = sa.kopRawFlowOut().template coll<K>(N);
       if (check.out)
@@ -259,7 +260,7 @@ struct CollBody {
       if (!sa.continueFlowOut()) return false;
       const K key(it.key());
       flow.dirty.del(key);
-      writeKey(entity, sa, key);
+      writeState(sa, key, map(entity).find(key));
     }
     return true;
   }
@@ -420,7 +421,7 @@ struct CollBody {
     return handleSerializationOfColl(of(entity), sa, resync);
   }
   static void writeKeyUntyped(const Entity& entity, EntitySa& sa, const void* key) {
-    writeKey(of(entity), sa, keyOf(key));
+    writeState(sa, keyOf(key), map(of(entity)).find(keyOf(key)));
   }
   static void changed(const Entity& entity, EntitySa& sa, const void* key) {
     handleExtKeyValueCollSerialization(of(entity), sa, keyOf(key));

@@ -98,10 +98,12 @@ class KOP_EXPORT Stream {
 
   std::size_t messageBegin(MessageKind kind, U64 identity, AttributeId attribute) {
     const std::size_t at = out_.size();
-    out_.writeU32(0);
-    out_.writeU8(kind);
-    out_.writeU64(identity);
-    out_.writeU32(attribute);
+    const U64 swappedIdentity = __builtin_bswap64(identity);
+    const U32 swappedAttribute = __builtin_bswap32(attribute);
+    U8 head[lengthSize + headSize] = {0, 0, 0, 0, kind};
+    std::memcpy(head + lengthSize + 1, &swappedIdentity, sizeof swappedIdentity);
+    std::memcpy(head + lengthSize + 9, &swappedAttribute, sizeof swappedAttribute);
+    out_.writeBytes(head, sizeof head);
     return at;
   }
   void outSmCommitMessage(std::size_t begin) {
