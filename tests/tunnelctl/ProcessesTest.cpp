@@ -18,6 +18,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Hivel/Client.h"
 #include "apps/tunnelctl/Json.h"
 
 // The command against the daemon, each in a process of its own, over a real socket.
@@ -215,6 +216,27 @@ TEST_F(ProcessesTest, aBadFileLeavesEverythingAsItWas) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.err, HasSubstr("tunnel/mpls/config: "));
   EXPECT_EQ(ctl({"-j", "show", "/"}).out, before);
+}
+
+// Catches a file that is applied in part because another process writes one of its paths.
+TEST_F(ProcessesTest, aPathThatSomebodyElseWritesStopsTheWhole) {
+  Hivel::ClientOptions options;
+  options.socketPath = socket_;
+  options.name = "holder";
+  Hivel::Client holder(options);
+  Hivel::MountOptions mount;
+  mount.type = "Tunnel::MplsTunnelConfig";
+  holder.mountAndWait("tunnel/mpls/config", Hivel::Mode::adopt, mount,
+                      std::chrono::seconds(10));
+  const std::string before = ctl({"-j", "show", "/"}).out;
+  const Result refused = ctl({"apply", router});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.err, HasSubstr("tunnel/mpls/config: "));
+  EXPECT_THAT(refused.err, HasSubstr("holder"));
+  EXPECT_EQ(ctl({"-j", "show", "/"}).out, before);
+  holder.unmount("tunnel/mpls/config");
+  ASSERT_TRUE(holder.syncAndWait(std::chrono::seconds(10)));
+  EXPECT_EQ(ctl({"apply", router}).status, 0);
 }
 
 // Catches a path that stays after its deletion, here or at a follower.
