@@ -197,10 +197,11 @@ void Server::Impl::receive(Peer& peer) {
 // The client takes nothing any more; what it wrote before it left still counts.
 void Server::Impl::drain(Peer& peer) {
   const std::string end = peer.connection.reason();
-  do
+  for (auto io = Connection::Io::done; io == Connection::Io::done && !peer.doomed;) {
     peer.out().clear();
-  while (peer.connection.receive() != Connection::Io::closed && (dispatch(peer), true) &&
-         !peer.doomed && peer.connection.frames.buffered() > 0);
+    io = peer.connection.receive();
+    if (io != Connection::Io::closed) dispatch(peer);
+  }
   peer.doomed = true;
   peer.end = end;
 }

@@ -426,6 +426,28 @@ TEST_F(HivelServer, closesOnWhatItMustNotBeSent) {
   }
 }
 
+// Catches a server that finds out by writing that a client has left, and drops what the
+// client wrote before.
+TEST_F(HivelServer, takesTheLastWordsOfAClient) {
+  serve();
+  const auto plot = Plot::PlotIs("p");
+  database.mount("a", plot, Database::Writers::remote);
+  Kop::NboAttrLog::Out log;
+  log.writeU32(0);
+  log.writeU8(1);  // a scalar is set
+  log.writeU64(9);
+  log.writeU32(258);
+  log.writeString("last words");
+  log.patchU32(0, static_cast<U32>(log.size() - 4));
+  Raw(dir.path("hivel.sock"))
+      .send(frameOf(helloOf("raw", 0)) +
+            frameOf(Frame::Mount{1, Mode::replace, false, "a", "", "n", 9}) +
+            Bytes(log.data(), log.data() + log.size()));
+  EXPECT_TRUE(loop.until([&] { return server->status().accepted == 1; }));
+  EXPECT_EQ(plot->title(), "last words");
+  EXPECT_FALSE(plot->readOnlyProxy());
+}
+
 // A writer's messages that are cut anywhere, or damaged, change nothing but its connection.
 TEST_F(HivelServer, survivesEveryCutOfAStream) {
   serve();
