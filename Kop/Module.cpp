@@ -38,6 +38,8 @@ const MemberRecord* TypeRecord::member(std::string_view memberName) const {
 }
 const MemberRecord* TypeRecord::enumerator(U32 number) const {
   if (kind != Kind::enumeration) return nullptr;
+  // Nearly all count from 0 on.
+  if (number < members.size() && members[number].value == number) return &members[number];
   for (const auto& m : members)
     if (m.value == number) return &m;
   return nullptr;

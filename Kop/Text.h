@@ -52,6 +52,19 @@ class KOP_EXPORT TextOut {
     at_ += size;
   }
   void append(std::string_view text) { append(text.data(), text.size()); }
+  // Of a text that stands in memory of padded(size) bytes: copied in pieces that need no
+  // call, the last one with what is behind the text.
+  static constexpr std::size_t piece = 16;
+  static constexpr std::size_t padded(std::size_t size) {
+    return (size + piece - 1) / piece * piece;
+  }
+  void appendPadded(std::string_view text) {
+    if (static_cast<std::size_t>(end_ - at_) < padded(text.size()))
+      grow(padded(text.size()));
+    for (std::size_t i = 0; i < text.size(); i += piece)
+      std::memcpy(at_ + i, text.data() + i, piece);
+    at_ += text.size();
+  }
   void append(char c) {
     if (at_ == end_) grow(1);
     *at_++ = c;

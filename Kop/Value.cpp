@@ -10,7 +10,7 @@ void recordText(TextOut& out, Attrs attrs, const void* value) {
   if (attrs.empty()) return;
   if (attrs.size() == 1) return attrs[0].ops->text(out, attrs[0].at(value));
   for (const auto& attr : attrs) {
-    out.append(attr.label);
+    out.appendPadded(attr.label);
     attr.ops->text(out, attr.at(value));
   }
   out.append("})");

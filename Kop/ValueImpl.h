@@ -192,7 +192,7 @@ bool attrTruth(const A& attr) {
 
 // The table of a type's stored attributes: text, parser and reflection run over it, so that
 // their loops are compiled once. Labels are complete: what stands before the value in the
-// text, from the type's head or the separator on.
+// text, from the type's head or the separator on. They stand in whole pieces of a TextOut.
 struct AttrRecord {
   std::string_view label;
   const char* name;
@@ -230,7 +230,7 @@ template <class T, U32 I>
 inline constexpr auto labelOf = [] {
   constexpr std::size_t size =
       labelWrite<I>(nullptr, typeName<T>(), storedRow<T, I>().name);
-  std::array<char, size> label{};
+  std::array<char, TextOut::padded(size)> label{};
   labelWrite<I>(label.data(), typeName<T>(), storedRow<T, I>().name);
   return label;
 }();
@@ -238,7 +238,8 @@ inline constexpr auto labelOf = [] {
 template <class T, U32... I>
 consteval std::array<AttrRecord, sizeof...(I)> makeAttrs(
     std::integer_sequence<U32, I...>) {
-  return {{{std::string_view(labelOf<T, I>.data(), labelOf<T, I>.size()),
+  return {{{std::string_view(labelOf<T, I>.data(), labelWrite<I>(nullptr, typeName<T>(),
+                                                                 storedRow<T, I>().name)),
             storedRow<T, I>().name,
             [](const void* value) -> const void* {
               return &(static_cast<const T*>(value)->*(storedRow<T, I>().member));

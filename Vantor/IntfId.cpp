@@ -189,6 +189,8 @@ Kop::String IntfId::stringValue() const {
   return bareString(*this);
 }
 void strepWrite(Kop::TextOut& out, const IntfId& intf) {
+  // Only a short name may hold what has to be escaped.
+  if (intf.typeId() != shortNameType) return quotedWrite(out, intf);
   Kop::TextOut name;
   intf.bareWrite(name);
   Kop::strepWriteQuoted(out, name.view());
