@@ -1,5 +1,5 @@
 # cmake -D SOURCE_DIR=<tree> -P ListedFiles.cmake: every source and header must be named in the
-# CMakeLists.txt of its own folder. A module list may leave out the ending.
+# CMakeLists.txt of its own folder.
 file(GLOB_RECURSE files RELATIVE ${SOURCE_DIR} ${SOURCE_DIR}/*.cpp ${SOURCE_DIR}/*.h)
 list(FILTER files EXCLUDE REGEX "^(build|doc|\\.[^/]*)/")
 if(NOT files)
@@ -13,16 +13,13 @@ foreach(file IN LISTS files)
   endif()
   cmake_path(GET file PARENT_PATH folder)
   cmake_path(GET file FILENAME name)
-  cmake_path(GET file STEM LAST_ONLY stem)
   set(lists "")
   if(EXISTS ${SOURCE_DIR}/${folder}/CMakeLists.txt)
     file(READ ${SOURCE_DIR}/${folder}/CMakeLists.txt lists)
   endif()
   string(REGEX REPLACE "#[^\n]*" "" lists "${lists}")
-  string(REPLACE "." "\\." pattern "${stem}")
-  get_filename_component(ending ${name} LAST_EXT)
-  # The bare stem is allowed because Tunnel/ lists modules.
-  if(NOT "${lists}" MATCHES "(^|[ \n(])${pattern}(\\${ending})?([ \n)]|$)")
+  string(REPLACE "." "\\." pattern "${name}")
+  if(NOT "${lists}" MATCHES "(^|[ \n(/])${pattern}([ \n)]|$)")
     list(APPEND missing ${file})
   endif()
 endforeach()
