@@ -71,7 +71,7 @@ void Stream::received(std::span<const U8> frame) {
   Session& session = sa.session();
   if (session.discard()) return;
   sa.received(kind, attribute, in);
-  session.dropRetired();
+  if (!session.retired_.empty()) session.dropRetired();
 }
 
 // ---- Session ----
@@ -227,7 +227,10 @@ CollectionIterator::~CollectionIterator() = default;
 // ---- EntitySa: writing ----
 
 EntitySa::EntitySa(Session& session, Entity& entity)
-    : session_(session), entity_(&entity), wireIdentity_(entity.identity()) {
+    : session_(session),
+      entity_(&entity),
+      table_(entity.kopTable()),
+      wireIdentity_(entity.identity()) {
   // In front of all others: messages must keep the order of the writes, also of those that
   // other observers make in answer.
   if (writes()) entity.notifieeAddFirst(this);
@@ -238,13 +241,13 @@ EntitySa::~EntitySa() {
 }
 
 FlowOut& EntitySa::kopRawFlowOut() {
-  if (!flow_) flow_ = std::make_unique<FlowOut>(entity_->kopTable(), ~AttributeId{0});
+  if (!flow_) flow_ = std::make_unique<FlowOut>(table_, ~AttributeId{0});
   return *flow_;
 }
 
 void EntitySa::onAttribute(AttributeId attribute) {
   if (isActive_ || isRetired_ || !isAnnounced_) return;
-  const EntityAttr* const attr = entity_->kopTable().find(attribute);
+  const EntityAttr* const attr = table_.find(attribute);
   if (!attr || attr->collection) return;
   if (session_.mayWrite()) {
     if (flow_) flow_->kopIsDirtyIs(attribute, false);
@@ -262,7 +265,7 @@ void EntitySa::onAttribute(AttributeId attribute) {
 
 void EntitySa::onAttribute(AttributeId attribute, const void* key) {
   if (isActive_ || isRetired_ || !isAnnounced_) return;
-  const EntityAttr* const attr = entity_->kopTable().find(attribute);
+  const EntityAttr* const attr = table_.find(attribute);
   if (attr && attr->collection) attr->collection->changed(*entity_, *this, key);
 }
 
@@ -287,7 +290,7 @@ void EntitySa::handleCollSerializationTransactionMarkers(AttributeId collection,
 }
 
 void EntitySa::onAttributeForConnection(AttributeId attribute, const void* key) {
-  const EntityAttr* const attr = entity_->kopTable().find(attribute);
+  const EntityAttr* const attr = table_.find(attribute);
   if (!attr) return doBaseKopNboAttrLogSaMsg(attribute);
   if (attr->collection) return attr->collection->serializeSing(*entity_, *this, key);
   const auto begin = messageBegin(NboAttrLog::scalarSet, attribute);
@@ -335,17 +338,17 @@ void EntitySa::childSent(Entity& child, bool isNew) {
 }
 
 void EntitySa::resync() {
-  flow_ = std::make_unique<FlowOut>(entity_->kopTable(), 0);
+  flow_ = std::make_unique<FlowOut>(table_, 0);
 }
 
 U32 EntitySa::pump(AttributeId start, FlowOut* flow) {
-  const auto attrs = entity_->kopTable().attrs;
+  const auto attrs = table_.attrs;
   if (attrs.empty()) return start == 0 ? 0 : ~U32{0};
   if (start == 0) {
     start = attrs[0].number;
     if (flow && !continueFlowOut()) return start;
   }
-  const EntityAttr* const first = entity_->kopTable().find(start);
+  const EntityAttr* const first = table_.find(start);
   if (!first) return ~U32{0};
   for (const EntityAttr* attr = first; attr != attrs.data() + attrs.size(); ++attr) {
     const bool isLast = attr + 1 == attrs.data() + attrs.size();
@@ -403,7 +406,7 @@ void EntitySa::doBaseKopNboAttrLogSaMsg(AttributeId attribute) const {
 void EntitySa::handleAttrDeserialization(AttributeId attribute, In& in) {
   if (!allowWriteFromReadOnlyRemote()) throwWriteUpdateFromReadOnlyProxyException();
   const StreamAdapterIsActiveAnchor anchor(this);
-  const EntityTable& table = entity_->kopTable();
+  const EntityTable& table = table_;
   if (const EntityAttr* const attr = table.find(attribute)) {
     if (attr->collection)
       attr->collection->applySet(*entity_, *this, in);
@@ -424,8 +427,7 @@ void EntitySa::received(MessageKind kind, AttributeId attribute, In& in) {
     return session_.catchUpMessage(kind, in);
   }
   const bool isDelete = kind == NboAttrLog::collDel;
-  const EntityAttr* const attr =
-      entity_->kopTable().find(isDelete ? -attribute : attribute);
+  const EntityAttr* const attr = table_.find(isDelete ? -attribute : attribute);
   if (!attr) doBaseKopNboAttrLogSaMsg(attribute);
   const bool ofChildren =
       attr->collection && attr->collection->kind == CollectionKind::children;

@@ -299,6 +299,7 @@ class KOP_EXPORT EntitySa final : public Notifiee {
 
   Session& session_;
   Ptr<Entity> entity_;
+  const EntityTable& table_;  // the entity's: asking it for it costs two calls
   EntitySa* parent_ = nullptr;
   U64 wireIdentity_;        // carried by our messages
   U64 remoteIdentity_ = 0;  // carried by the peer's, 0: none
