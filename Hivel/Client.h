@@ -48,7 +48,7 @@ struct MountOptions {
 // One mounted path.
 //
 // Owner    the client; valid until it is unmounted.
-class KOP_EXPORT Mount {
+class HIVEL_EXPORT Mount {
  public:
   enum class State : U8 {
     asking,      // not yet answered, or the server is lost
@@ -98,7 +98,7 @@ struct ClientOptions {
   std::size_t maxFrameSize = 16 << 20;  // bytes of one frame from the server
 };
 
-class KOP_EXPORT Client {
+class HIVEL_EXPORT Client {
  public:
   enum class State : U8 {
     connecting,

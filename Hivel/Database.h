@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Hivel/Export.h"
 #include "Kop/Entity.h"
 
 // A tree of mount paths, each holding one root entity. It needs no daemon, no file and no
@@ -20,12 +21,12 @@ namespace Hivel {
 constexpr std::size_t maxPathSize = 1024;  // bytes
 
 // Errors   Kop::RangeException that shows the path and what is wrong with it.
-KOP_EXPORT void checkPath(std::string_view path);
-KOP_EXPORT void checkPrefix(std::string_view prefix);  // empty is allowed
-KOP_EXPORT bool isCovered(std::string_view path, std::string_view prefix);
+HIVEL_EXPORT void checkPath(std::string_view path);
+HIVEL_EXPORT void checkPrefix(std::string_view prefix);  // empty is allowed
+HIVEL_EXPORT bool isCovered(std::string_view path, std::string_view prefix);
 
 // The name of a root that nobody named otherwise.
-KOP_EXPORT Kop::String lastPart(std::string_view path);
+HIVEL_EXPORT Kop::String lastPart(std::string_view path);
 
 // How a client mounts a path.
 enum class Mode : U8 {
@@ -42,11 +43,11 @@ struct PathInfo {
 };
 
 // Qualified name of an entity's type, as it is registered.
-KOP_EXPORT std::string_view typeNameOf(const Kop::Entity& entity);
+HIVEL_EXPORT std::string_view typeNameOf(const Kop::Entity& entity);
 
 // Owner    keeps a reference to each mounted entity until it is unmounted.
 // Threads  one, that of the entities.
-class KOP_EXPORT Database {
+class HIVEL_EXPORT Database {
  public:
   // Who may write a path besides its owner, the process that mounted it.
   enum class Writers : U8 { owner, remote };

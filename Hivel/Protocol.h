@@ -67,7 +67,7 @@ constexpr U8 maxLogKind = 31;
 constexpr std::size_t maxHelloSize = 64 << 10;  // bytes of the first frame
 constexpr std::size_t maxNameSize = 128;        // bytes of a client's name
 
-enum class KOP_EXPORT FrameKind : U8 {
+enum class HIVEL_EXPORT FrameKind : U8 {
   hello = 64,
   mount,
   mounted,
@@ -92,14 +92,14 @@ enum class KOP_EXPORT FrameKind : U8 {
 // Exported, because what is instantiated over them must be.
 namespace Frame {
 
-struct KOP_EXPORT ModuleDigest {
+struct HIVEL_EXPORT ModuleDigest {
   std::string name;
   U64 digest = 0;
   bool operator==(const ModuleDigest&) const = default;
 };
 
 // When the version is another than ours, only magic and version are read.
-struct KOP_EXPORT Hello {
+struct HIVEL_EXPORT Hello {
   static constexpr FrameKind kind = FrameKind::hello;
   U32 magic = protocolMagic;
   U32 version = protocolVersion;
@@ -108,7 +108,7 @@ struct KOP_EXPORT Hello {
   std::vector<ModuleDigest> modules;
   bool operator==(const Hello&) const = default;
 };
-struct KOP_EXPORT Mount {
+struct HIVEL_EXPORT Mount {
   static constexpr FrameKind kind = FrameKind::mount;
   U32 mount = 0;
   Mode mode = Mode::read;
@@ -117,7 +117,7 @@ struct KOP_EXPORT Mount {
   U64 rootIdentity = 0;              // 0: not yet known
   bool operator==(const Mount&) const = default;
 };
-struct KOP_EXPORT Mounted {
+struct HIVEL_EXPORT Mounted {
   static constexpr FrameKind kind = FrameKind::mounted;
   U32 mount = 0;
   std::string type, rootName;
@@ -127,19 +127,19 @@ struct KOP_EXPORT Mounted {
   bool settled = true;
   bool operator==(const Mounted&) const = default;
 };
-struct KOP_EXPORT Refused {
+struct HIVEL_EXPORT Refused {
   static constexpr FrameKind kind = FrameKind::refused;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Refused&) const = default;
 };
-struct KOP_EXPORT Adopted {
+struct HIVEL_EXPORT Adopted {
   static constexpr FrameKind kind = FrameKind::adopted;
   U32 mount = 0;
   U64 rootIdentity = 0;
   bool operator==(const Adopted&) const = default;
 };
-struct KOP_EXPORT PathState {
+struct HIVEL_EXPORT PathState {
   static constexpr FrameKind kind = FrameKind::pathState;
   U32 mount = 0;
   U64 epoch = 0;
@@ -147,39 +147,39 @@ struct KOP_EXPORT PathState {
   bool settled = true;
   bool operator==(const PathState&) const = default;
 };
-struct KOP_EXPORT Unmount {
+struct HIVEL_EXPORT Unmount {
   static constexpr FrameKind kind = FrameKind::unmount;
   U32 mount = 0;
   bool remove = false;
   bool operator==(const Unmount&) const = default;
 };
-struct KOP_EXPORT Gone {
+struct HIVEL_EXPORT Gone {
   static constexpr FrameKind kind = FrameKind::gone;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Gone&) const = default;
 };
-struct KOP_EXPORT List {
+struct HIVEL_EXPORT List {
   static constexpr FrameKind kind = FrameKind::list;
   U32 request = 0;
   bool watch = false;
   std::string prefix;
   bool operator==(const List&) const = default;
 };
-struct KOP_EXPORT ListEntry {
+struct HIVEL_EXPORT ListEntry {
   static constexpr FrameKind kind = FrameKind::listEntry;
   U32 request = 0;
   bool appeared = true;
   std::string path, type;
   bool operator==(const ListEntry&) const = default;
 };
-struct KOP_EXPORT StatusIs {
+struct HIVEL_EXPORT StatusIs {
   static constexpr FrameKind kind = FrameKind::statusIs;
   U32 request = 0;
   ServerStatus status;
   bool operator==(const StatusIs&) const = default;
 };
-struct KOP_EXPORT Error {
+struct HIVEL_EXPORT Error {
   static constexpr FrameKind kind = FrameKind::error;
   bool lasting = true;  // trying again soon is of no use
   std::string reason;
@@ -187,7 +187,7 @@ struct KOP_EXPORT Error {
 };
 // Frames whose body is a number of a mount or a request.
 template <FrameKind k>
-struct KOP_EXPORT Numbered {
+struct HIVEL_EXPORT Numbered {
   static constexpr FrameKind kind = k;
   U32 number = 0;
   bool operator==(const Numbered&) const = default;
@@ -203,34 +203,34 @@ using Status = Numbered<FrameKind::status>;
 }  // namespace Frame
 
 // The kind's name, or null for a kind that no frame has.
-KOP_EXPORT const char* frameName(U8 kind);
+HIVEL_EXPORT const char* frameName(U8 kind);
 
 // Appends a whole frame. Message is one of Frame.
 template <class Message>
-KOP_EXPORT void encode(Kop::NboAttrLog::Out& out, const Message& message);
+HIVEL_EXPORT void encode(Kop::NboAttrLog::Out& out, const Message& message);
 
 // Reads a frame, without its length word, of exactly Message's kind.
 // Errors   ProtocolException: another kind, bytes missing or left over, a value that is not
 //          allowed. Nothing is allocated that the frame's own bytes do not justify.
 template <class Message>
-KOP_EXPORT Message decode(std::span<const U8> frame);
+HIVEL_EXPORT Message decode(std::span<const U8> frame);
 
 inline Frame::Hello decodeHello(std::span<const U8> frame) {
   return decode<Frame::Hello>(frame);
 }
 
 // This process's hello: the registered modules.
-KOP_EXPORT Frame::Hello helloOf(std::string name, U64 instance);
+HIVEL_EXPORT Frame::Hello helloOf(std::string name, U64 instance);
 // Whether two peers understand each other; a module that only one of them has does no harm.
 // Errors   ProtocolException that names both values.
-KOP_EXPORT void checkHello(const Frame::Hello& ours, const Frame::Hello& theirs);
+HIVEL_EXPORT void checkHello(const Frame::Hello& ours, const Frame::Hello& theirs);
 
 // Cuts a run of bytes into frames.
 //
 //   reader.feed(bytes);  while (auto frame = reader.next()) ...
 //
 // Cost     memory is at most twice what has arrived and is not yet taken, plus a piece.
-class KOP_EXPORT FrameReader {
+class HIVEL_EXPORT FrameReader {
  public:
   explicit FrameReader(std::size_t maxFrameSize) : maxFrameSize_(maxFrameSize) {}
   FrameReader(const FrameReader&) = delete;
@@ -258,6 +258,6 @@ class KOP_EXPORT FrameReader {
 
 // Text from a peer as it may stand in a line: other bytes than printable ones are '?', and
 // what is over the limit is cut.
-KOP_EXPORT std::string printable(std::string_view text, std::size_t limit = 1024);
+HIVEL_EXPORT std::string printable(std::string_view text, std::size_t limit = 1024);
 
 }  // namespace Hivel

@@ -42,7 +42,7 @@ struct Rule {
 
 // A rule as PREFIX:UID:RIGHTS; '*' for every path or user; r, w, rw or - for none.
 // Errors   Kop::RangeException.
-KOP_EXPORT Rule parseRule(std::string_view text);
+HIVEL_EXPORT Rule parseRule(std::string_view text);
 
 struct ServerOptions {
   std::string socketPath;
@@ -56,7 +56,7 @@ struct ServerOptions {
   std::size_t maxFrameSize = 16 << 20;  // bytes of one frame from a client
 };
 
-class KOP_EXPORT Server {
+class HIVEL_EXPORT Server {
  public:
   // Listens. A socket that nobody listens on any more is replaced; beside it stands a lock
   // file, "<socket>.lock", which decides between servers that start at the same time.

@@ -69,7 +69,6 @@ void Stream::received(std::span<const U8> frame) {
   ++counters_.messagesIn;
   EntitySa& sa = *lastSa_;
   Session& session = sa.session();
-  if (session.discard()) return;
   sa.received(kind, attribute, in);
   if (!session.retired_.empty()) session.dropRetired();
 }

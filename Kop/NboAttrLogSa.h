@@ -162,9 +162,6 @@ class KOP_EXPORT Session {
   bool catchingUp() const { return peerCatchingUp_; }
   std::function<void(bool begins, bool everything)> onCatchUp;
 
-  // Reader: takes messages without applying them, for a session on its way out.
-  void discardIs(bool discard) { discard_ = discard; }
-  bool discard() const { return discard_; }
   // Whether the peer may write. A message from one that may not is an error.
   void remoteReadOnlyIs(bool readOnly) { remoteReadOnly_ = readOnly; }
   bool remoteReadOnly() const { return remoteReadOnly_; }
@@ -194,7 +191,6 @@ class KOP_EXPORT Session {
   State state_ = State::live;
   bool everything_ = false;
   bool peerCatchingUp_ = false;
-  bool discard_ = false;
   bool remoteReadOnly_ = false;
   std::unordered_map<const Entity*, std::unique_ptr<EntitySa>> adapters_;
   std::list<EntitySa*> pending_;                    // adapters with something marked
