@@ -71,7 +71,10 @@ class KOP_EXPORT TextOut {
   }
   void number(U64 value) {
     if (end_ - at_ < 20) grow(20);
-    at_ = std::to_chars(at_, end_, value).ptr;
+    if (value < 10)
+      *at_++ = static_cast<char>('0' + value);
+    else
+      at_ = std::to_chars(at_, end_, value).ptr;
   }
   std::string_view view() const { return {begin_, size()}; }
   std::size_t size() const { return static_cast<std::size_t>(at_ - begin_); }

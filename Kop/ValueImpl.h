@@ -190,8 +190,8 @@ bool attrTruth(const A& attr) {
     return !(attr == A());
 }
 
-// The table of a type's stored attributes: text, parser and reflection run over it, so that
-// their loops are compiled once. Labels are complete: what stands before the value in the
+// The table of a type's stored attributes: parser and reflection run over it, so that their
+// loops are compiled once. Labels are complete: what stands before the value in the
 // text, from the type's head or the separator on. They stand in whole pieces of a TextOut.
 struct AttrRecord {
   std::string_view label;
@@ -203,7 +203,6 @@ struct AttrRecord {
 };
 using Attrs = std::span<const AttrRecord>;
 
-KOP_EXPORT void recordText(TextOut& out, Attrs attrs, const void* value);
 KOP_EXPORT void recordParse(Attrs attrs, void* value, TextIt& it, const TextIt& end);
 
 template <U32 I>
@@ -283,9 +282,21 @@ U32 valueHash(const T& value, U32 seed) {
     throw UnhashableTypeException(typeName<T>());
 }
 
+// A lone attribute stands without an envelope, no attribute is the empty text. Unrolled, not
+// a loop over the table: most of a short record's time would be calls.
 template <ValueType T>
 void valueText(TextOut& out, const T& value) {
-  recordText(out, attrsOf<T>, &value);
+  [&]<U32... I>(std::integer_sequence<U32, I...>) {
+    if constexpr (sizeof...(I) == 1) {
+      (attrText(out, value.*(storedRow<T, I>().member)), ...);
+    } else if constexpr (sizeof...(I) > 1) {
+      ((out.appendPadded(attrsOf<T>[I].label),
+        attrText(out, value.*(storedRow<T, I>().member))),
+       ...);
+      out.append("})");
+    }
+  }
+  (std::make_integer_sequence<U32, storedCount<T>()>{});
 }
 
 template <ValueType T>
