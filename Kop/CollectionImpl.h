@@ -207,14 +207,16 @@ struct CollBody {
   static void handleExtKeyValueCollSerialization(const D& entity,
                                                  EntitySa& sa,
                                                  const K& key) {
-    const Node* const node = map(entity).find(key);
-    const auto check =
-        sa.collSerializeCheck(N, node ? NboAttrLog::collSet : NboAttrLog::collDel);
-    if (check.out) writeState(sa, key, node);
+    EntitySa::Check check{nullptr, sa.flowOut()};
+    if (sa.isOkToSerialize()) {
+      const Node* const node = map(entity).find(key);
+      check = sa.collSerializeCheck(N, node ? NboAttrLog::collSet : NboAttrLog::collDel);
+      if (check.out) writeState(sa, key, node);
+    }
     if (check.resync || !check.out) {
       Flow& flow = sa.kopRawFlowOut().template coll<K>(N);
       if (check.out)
-        flow.dirty.del(key);
+        flow.clean(key);
       else if (flow.dirty.is(key))
         sa.keyMarked(N, map(entity).count());
       else
@@ -240,7 +242,7 @@ struct CollBody {
       Flow* const flow = resync ? &resync->template coll<K>(N) : nullptr;
       while (it) {
         const Node& node = *it;
-        if (flow && !flow->dirty.empty()) flow->dirty.del(node.key());
+        if (flow) flow->clean(node.key());
         writeSet(sa, node);
         if constexpr (isChildren) sa.childSent(*node.value, false);
         it.advance();
@@ -252,17 +254,33 @@ struct CollBody {
       sa.handleCollSerializationTransactionMarkers(N, NboAttrLog::collEnd, 0);
       if (!resync) return true;
       resync->kopHasSyncedIs(N, true);
-      if (!sa.continueFlowOut()) return flow->dirty.empty();
+      if (!sa.continueFlowOut()) return flow->dirtyCount() == 0;
     }
     if (resync->collFlow(N).dirtyCount() == 0) return true;
-    Flow& flow = resync->template coll<K>(N);
-    for (auto it = flow.dirty.iterator(); it; it.advance()) {
-      if (!sa.continueFlowOut()) return false;
-      const K key(it.key());
-      flow.dirty.del(key);
-      writeState(sa, key, map(entity).find(key));
+    return drain(entity, sa, resync->template coll<K>(N));
+  }
+  // Sends the marked keys; true when none is left.
+  static bool drain(const D& entity, EntitySa& sa, Flow& flow) {
+    for (;;) {
+      if (flow.draining.empty()) {
+        flow.drainAt.reset();
+        if (flow.dirty.empty()) return true;
+        std::swap(flow.dirty, flow.draining);
+      }
+      auto it = flow.drainAt ? flow.draining.iteratorConstFrom(*flow.drainAt)
+                             : flow.draining.iteratorConst();
+      flow.drainAt.reset();
+      for (; it; it.advance()) {
+        const K& key = it->key();
+        if (!sa.continueFlowOut()) {
+          flow.drainAt = key;
+          return false;
+        }
+        if (!flow.dirty.empty()) flow.dirty.del(key);
+        writeState(sa, key, map(entity).find(key));
+      }
+      flow.draining.clear();
     }
-    return true;
   }
 
   // ---- applying the log ----

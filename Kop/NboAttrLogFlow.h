@@ -20,21 +20,32 @@ class KOP_EXPORT CollFlow {
   virtual void bookmarkClear() = 0;
 };
 
-// Keys of type K. `dirty` are those whose change could not be written. Instantiating
+// Keys of type K. `dirty` are those whose change could not be written; they are sent as a
+// whole, so that a mark made meanwhile is a new one and the walk stays a plain one. Instantiating
 // collections keep a second set, of children whose contents follow their message; it does
 // not count as dirty.
 template <class K>
 class CollFlowOf : public CollFlow {
  public:
-  U32 dirtyCount() const override { return dirty.count(); }
+  U32 dirtyCount() const override { return dirty.count() + draining.count(); }
   void clear() override {
     dirty.clear();
+    draining.clear();
+    drainAt.reset();
     second.clear();
   }
   bool bookmarked() const override { return bookmark.has_value(); }
   void bookmarkClear() override { bookmark.reset(); }
 
+  // Sent or changed again: no mark is needed any more.
+  void clean(const K& key) {
+    if (!dirty.empty()) dirty.del(key);
+    if (!draining.empty()) draining.del(key);
+  }
+
   HSet<K> dirty;
+  HSet<K> draining;          // taken out of `dirty` to be sent
+  std::optional<K> drainAt;  // where sending them goes on
   HSet<K> second;
   std::optional<K> bookmark;
 };

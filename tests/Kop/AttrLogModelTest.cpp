@@ -199,7 +199,8 @@ TEST(AttrLogBounded, aReaderThatDoesNotReadCostsAMarkPerLiveKey) {
     tree->colourIs(static_cast<Colour>(n));
     buffer = std::max(buffer, link.stream.out().memory());
     if (auto* const flow = adapterOf(*tree).flowOut())
-      marks = std::max(marks, flow->coll<U32>(258).dirty.memory());
+      marks = std::max(marks, flow->coll<U32>(258).dirty.memory() +
+                                  flow->coll<U32>(258).draining.memory());
   }
   EXPECT_LT(buffer, 3u * 4096);
   EXPECT_LT(marks, 64u << 10) << "marks of at most a few thousand keys";
