@@ -7,6 +7,8 @@
 
 long allocationsUntilFailure = -1;
 
+#if ALLOCATIONS_CAN_FAIL
+
 // Out of line, or the compiler sees free() at the end of a chain that began with new.
 [[gnu::noinline]] static void* allocate(std::size_t size, std::size_t align) {
   if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0)
@@ -39,3 +41,5 @@ void operator delete(void* memory, std::align_val_t) noexcept {
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
   release(memory);
 }
+
+#endif
