@@ -7,7 +7,7 @@
 
 long allocationsUntilFailure = -1;
 
-#if ALLOCATIONS_CAN_FAIL
+#if OPERATOR_NEW_IS_REPLACED
 
 // Out of line, or the compiler sees free() at the end of a chain that began with new.
 [[gnu::noinline]] static void* allocate(std::size_t size, std::size_t align) {

@@ -2,14 +2,14 @@
 
 // The thread sanitizer brings operators new of its own, which cannot be replaced.
 #if defined(__SANITIZE_THREAD__)
-#define ALLOCATIONS_CAN_FAIL 0
+#define OPERATOR_NEW_IS_REPLACED 0
 #elif defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-#define ALLOCATIONS_CAN_FAIL 0
+#define OPERATOR_NEW_IS_REPLACED 0
 #endif
 #endif
-#ifndef ALLOCATIONS_CAN_FAIL
-#define ALLOCATIONS_CAN_FAIL 1
+#ifndef OPERATOR_NEW_IS_REPLACED
+#define OPERATOR_NEW_IS_REPLACED 1
 #endif
 
 // The tests of this library may let an allocation fail. All operators new of the program go
