@@ -92,7 +92,7 @@ struct Result {
   std::string out, err;
 };
 
-class ProcessesTest : public testing::Test {
+class ProcessesThreads : public testing::Test {
  protected:
   void SetUp() override {
     char name[] = "/tmp/tunnelctlXXXXXX";
@@ -147,7 +147,7 @@ class ProcessesTest : public testing::Test {
 };
 
 // Catches a change that does not reach another process, and a copy that is not equal.
-TEST_F(ProcessesTest, whatOneAppliesAnotherFollowsAndAThirdShows) {
+TEST_F(ProcessesThreads, whatOneAppliesAnotherFollowsAndAThirdShows) {
   const std::string held = directory_ + "/held.json";
   auto monitor = startMonitor({"tunnel", "--state", held});
 
@@ -193,7 +193,7 @@ TEST_F(ProcessesTest, whatOneAppliesAnotherFollowsAndAThirdShows) {
 }
 
 // Catches a bad file that is applied in part.
-TEST_F(ProcessesTest, aBadFileLeavesEverythingAsItWas) {
+TEST_F(ProcessesThreads, aBadFileLeavesEverythingAsItWas) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   const std::string before = ctl({"-j", "show", "/"}).out;
   const std::string bad =
@@ -219,7 +219,7 @@ TEST_F(ProcessesTest, aBadFileLeavesEverythingAsItWas) {
 }
 
 // Catches a file that is applied in part because another process writes one of its paths.
-TEST_F(ProcessesTest, aPathThatSomebodyElseWritesStopsTheWhole) {
+TEST_F(ProcessesThreads, aPathThatSomebodyElseWritesStopsTheWhole) {
   Hivel::ClientOptions options;
   options.socketPath = socket_;
   options.name = "holder";
@@ -240,7 +240,7 @@ TEST_F(ProcessesTest, aPathThatSomebodyElseWritesStopsTheWhole) {
 }
 
 // Catches a path that stays after its deletion, here or at a follower.
-TEST_F(ProcessesTest, pathsAreDeleted) {
+TEST_F(ProcessesThreads, pathsAreDeleted) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   auto monitor = startMonitor({"--count", "1", "--state", directory_ + "/held.json"});
   const std::string deletion =
@@ -255,7 +255,7 @@ TEST_F(ProcessesTest, pathsAreDeleted) {
 }
 
 // Catches a follower that dies with the server, or that keeps what the new server lost.
-TEST_F(ProcessesTest, aFollowerSurvivesTheServer) {
+TEST_F(ProcessesThreads, aFollowerSurvivesTheServer) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   auto monitor = startMonitor({"-j", "--state", directory_ + "/held.json"});
   EXPECT_THAT(monitor->out(),
@@ -284,7 +284,7 @@ TEST_F(ProcessesTest, aFollowerSurvivesTheServer) {
 }
 
 // Catches an end that comes late, and limits that are ignored.
-TEST_F(ProcessesTest, monitorEndsByItself) {
+TEST_F(ProcessesThreads, monitorEndsByItself) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(ctl({"monitor", "--for", "0.2"}).status, 0);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
