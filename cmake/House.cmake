@@ -79,6 +79,40 @@ function(house_version_script output namespaces sources)
   file(CONFIGURE OUTPUT ${output} @ONLY CONTENT "{\n  global:\n@shown@  local: *;\n};\n")
 endfunction()
 
+# Installs <module>.pc for builds that do not use CMake. The prefix is told from the file's own
+# place, so that an installed tree can be moved.
+function(house_pkg_config target module sources depends)
+  set_property(GLOBAL PROPERTY HOUSE_PKG_CONFIG_${target} ${module})
+  set(requires "")
+  foreach(depend IN LISTS depends)
+    get_property(needed GLOBAL PROPERTY HOUSE_PKG_CONFIG_${depend})
+    list(APPEND requires ${needed})
+  endforeach()
+  list(JOIN requires ", " requires)
+  set(libs "")
+  if(sources)
+    # Loading the library registers its types, even when no symbol of it is named.
+    set(libs "-L\${libdir} -Wl,--no-as-needed -l${module}")
+  endif()
+  set(directory ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY
+             ${CMAKE_INSTALL_PREFIX}/${directory} OUTPUT_VARIABLE up)
+  set(file ${PROJECT_BINARY_DIR}/package/${module}.pc)
+  file(CONFIGURE OUTPUT ${file} @ONLY CONTENT
+"prefix=\${pcfiledir}/@up@
+libdir=\${prefix}/@CMAKE_INSTALL_LIBDIR@
+includedir=\${prefix}/@CMAKE_INSTALL_INCLUDEDIR@
+
+Name: @module@
+Description: @PROJECT_DESCRIPTION@: @module@
+Version: @PROJECT_VERSION@
+Requires: @requires@
+Cflags: -I\${includedir}
+Libs: @libs@
+")
+  install(FILES ${file} DESTINATION ${directory})
+endfunction()
+
 # house_library(Kop [STATIC] SOURCES a.cpp ... HEADERS a.h ... [DEPENDS Lib ...]
 #               [PRIVATE_DEPENDS target ...] [NAMESPACES Kop ...]
 #               [ALIAS Kop::Kop] [OUTPUT_NAME Kop])
@@ -155,6 +189,7 @@ function(house_library name)
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
     install(EXPORT ${name}Targets NAMESPACE ${package}::
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+    house_pkg_config(${name} ${arg_OUTPUT_NAME} "${arg_SOURCES}" "${arg_DEPENDS}")
     set_property(GLOBAL APPEND PROPERTY HOUSE_LIBRARIES ${name})
     add_dependencies(commands ${name})
   endif()

@@ -5,7 +5,7 @@ set -eu
 
 packages='
   g++ clang clang-14 libclang-rt-14-dev llvm-14
-  cmake ninja-build python3
+  cmake ninja-build pkgconf python3
   libgtest-dev libgmock-dev
   libbenchmark-dev libabsl-dev libboost-dev
   libcli11-dev rapidjson-dev libspdlog-dev
