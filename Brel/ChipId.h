@@ -3,14 +3,12 @@
 #include <compare>
 #include <iosfwd>
 
+#include "Brel/Export.h"
 #include "Kop/Hash.h"
 #include "Kop/KeyOps.h"
 #include "Kop/NboAttrLog.h"
 #include "Kop/Text.h"
 #include "Kop/Types.h"
-
-// Marks what libBrel shows to others; everything else is hidden by the build.
-#define BREL_EXPORT [[gnu::visibility("default")]]
 
 namespace Brel {
 

@@ -3,6 +3,7 @@
 #include "Vantor/AddressFamily.h"
 #include "Vantor/DynamicMplsLabelStack.h"
 #include "Vantor/EthAddr.h"
+#include "Vantor/GreKeyType.h"
 #include "Vantor/IntfId.h"
 #include "Vantor/IpDscp.h"
 #include "Vantor/IpGenPrefix.h"
@@ -12,9 +13,10 @@
 // module is described in a namespace of its own name.
 
 KOP_MODULE(Vantor,
-           72b95be6d10498de,
+           b85371cf157bcf88,
            ::Vantor::AddressFamily,
            ::Vantor::MplsOperation,
+           ::Vantor::GreKeyType,
            ::Vantor::IpGenAddr,
            ::Vantor::IpGenPrefix,
            ::Vantor::IntfId,
@@ -24,3 +26,4 @@ KOP_MODULE(Vantor,
            ::Vantor::DynamicMplsLabelStack);
 KOP_INSTANTIATE_ENUM(Vantor::AddressFamily);
 KOP_INSTANTIATE_ENUM(Vantor::MplsOperation);
+KOP_INSTANTIATE_ENUM(Vantor::GreKeyType);

@@ -4,6 +4,7 @@
 #include "Kop/Module.h"
 #include "Vantor/DynamicMplsLabelStack.h"
 #include "Vantor/EthAddr.h"
+#include "Vantor/GreKeyType.h"
 #include "Vantor/IntfId.h"
 #include "Vantor/IpDscp.h"
 #include "Vantor/IpGenPrefix.h"
@@ -93,10 +94,11 @@ TEST(VantorModule, enumerationsAndValuesAreFoundByName) {
   EXPECT_EQ(AddressFamilyInstance("ipv6"), ipv6);
   EXPECT_THROW(AddressFamilyInstance(3), Kop::RangeException);
   EXPECT_EQ(MplsOperationInstance("pop"), 3u);
+  EXPECT_EQ(GreKeyTypeInstance(1), GreKeyTypeInstance("configuredGreKey"));
   for (const char* name :
-       {"Vantor::AddressFamily", "Vantor::MplsOperation", "Vantor::IpGenAddr",
-        "Vantor::IpGenPrefix", "Vantor::IntfId", "Vantor::EthAddr", "Vantor::IpDscp",
-        "Vantor::MplsLabelOperation", "Vantor::DynamicMplsLabelStack"})
+       {"Vantor::AddressFamily", "Vantor::MplsOperation", "Vantor::GreKeyType",
+        "Vantor::IpGenAddr", "Vantor::IpGenPrefix", "Vantor::IntfId", "Vantor::EthAddr",
+        "Vantor::IpDscp", "Vantor::MplsLabelOperation", "Vantor::DynamicMplsLabelStack"})
     EXPECT_NE(Kop::findType(name), nullptr) << name;
 }
 

@@ -1,0 +1,62 @@
+#include "Brel/ChipSet.h"
+#include "tests/Vantor/ValueLaws.h"
+
+using Brel::ChipId;
+using Brel::ChipSet;
+
+template <>
+ChipId arbitrary(Random& random) {
+  return ChipId(static_cast<U8>(random()));
+}
+template <>
+ChipSet arbitrary(Random& random) {
+  ChipSet chips;
+  for (U32 i = below(random, 8); i > 0; --i)
+    chips.chipIs(arbitrary<ChipId>(random));
+  return chips;
+}
+using Chips = testing::Types<ChipId, ChipSet>;
+INSTANTIATE_TYPED_TEST_SUITE_P(Brel, ValueLaws, Chips);
+
+// Catches a chip mixed at another width, which moves every record that holds one in its map,
+// and a chip number that is cut instead of refused.
+TEST(ChipIdRecord, isOneByteAndNothingMore) {
+  EXPECT_EQ(ChipId().value(), 128);
+  Kop::Hash chip(0), byte(0), word(0);
+  hashMix(chip, ChipId(1));
+  byte.mix8(1);
+  word.mix32(1);
+  EXPECT_EQ(chip.result(), byte.result());
+  EXPECT_NE(chip.result(), word.result());
+
+  // The key of a hardware tunnel: a 64-bit index 5, then chip 1.
+  Kop::Hash key(0);
+  key.mix64(5);
+  hashMix(key, ChipId(1));
+  EXPECT_EQ(key.result(), 0x45eb402e);
+
+  EXPECT_EQ(Kop::strepToValue<ChipId>("255"), ChipId(255));
+  EXPECT_THROW(Kop::strepToValue<ChipId>("256"), Kop::RangeException);
+  for (const char* text : {"", "-1", "+1", " 1", "x", "'1'"})
+    EXPECT_THROW(Kop::strepToValue<ChipId>(text), Kop::Exception) << text;
+  EXPECT_LT(ChipId(127), ChipId(128));  // as unsigned
+}
+
+// Catches chips that share a bit or stand at another place than the log form says, and a list
+// that is read with one missing.
+TEST(ChipSetBits, oneBitPerChip) {
+  ChipSet chips{ChipId(0), ChipId(9), ChipId(255)};
+  EXPECT_EQ(chips.chipCount(), 3u);
+  EXPECT_EQ(chips.bytes()[0], 1);
+  EXPECT_EQ(chips.bytes()[1], 2);
+  EXPECT_EQ(chips.bytes()[31], 0x80);
+  EXPECT_EQ(chips.stringValue(), "[0, 9, 255]");
+  EXPECT_EQ(Kop::strepToValue<ChipSet>("[255, 9, 0, 9]"), chips);
+  chips.chipDel(ChipId(9));
+  EXPECT_FALSE(chips.chipHas(ChipId(9)));
+  EXPECT_EQ(chips, (ChipSet{ChipId(255), ChipId(0)}));
+  EXPECT_TRUE(ChipSet().empty() && !chips.empty());
+  EXPECT_THROW(Kop::strepToValue<ChipSet>("[256]"), Kop::RangeException);
+  for (const char* text : {"", "[", "[1", "[1,2]", "[1, ]", "1", "[1]]"})
+    EXPECT_THROW(Kop::strepToValue<ChipSet>(text), Kop::Exception) << text;
+}
