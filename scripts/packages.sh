@@ -8,7 +8,7 @@ packages='
   cmake ninja-build pkgconf python3
   libgtest-dev libgmock-dev
   libbenchmark-dev libabsl-dev libboost-dev
-  libcli11-dev rapidjson-dev libspdlog-dev
+  libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
 '
 
 if [ "${1:-}" = --list ]; then

@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <systemd/sd-daemon.h>
 
 #include "Hivel/Exception.h"
 #include "Hivel/Server.h"
@@ -169,7 +170,10 @@ int main(int argc, char** argv) try {
     spdlog::log(isWarning ? spdlog::level::warn : spdlog::level::info, "{}", line);
   };
   spdlog::info("listening on {}", path);
+  // Whoever starts us by a service manager goes on only now, when clients can connect.
+  ::sd_notifyf(0, "READY=1\nSTATUS=listening on %s", path.c_str());
   const int signal = run(server, signals);
+  ::sd_notify(0, "STOPPING=1");
   spdlog::info("ending on {}", ::sigabbrev_np(signal));
   return 0;
 } catch (const std::exception& e) {

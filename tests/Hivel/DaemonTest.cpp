@@ -2,6 +2,8 @@
 #include <fstream>
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +60,36 @@ TEST_F(DaemonThreads, startsOnceAndLeavesNothing) {
   daemon.signal(SIGTERM);
   EXPECT_EQ(daemon.wait(), 0);
   EXPECT_TRUE(dir.names().empty());
+}
+
+// Catches a daemon that claims to be ready while clients are still refused: a service
+// manager would start them too early.
+TEST_F(DaemonThreads, tellsItsServiceManagerWhenItIsReady) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string notified = logs.path("notify");
+  notified.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const timeval limit{10, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  ::setenv("NOTIFY_SOCKET", notified.c_str(), 1);
+  daemon.start({"--socket", socket});
+  ::unsetenv("NOTIFY_SOCKET");
+  const auto next = [&] {
+    char text[256];
+    const ssize_t size = ::recv(fd, text, sizeof text, 0);
+    return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+  };
+  EXPECT_EQ(next(), "READY=1\nSTATUS=listening on " + socket);
+  Client client(clientOptions(dir));
+  EXPECT_TRUE(
+      client.wait([&] { return client.state() != Client::State::connecting; }, patience));
+  EXPECT_EQ(client.state(), Client::State::connected);
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(next(), "STOPPING=1");
+  EXPECT_EQ(daemon.wait(), 0);
+  ::close(fd);
 }
 
 // Catches an error without a reason or with another status than a script expects.
