@@ -110,7 +110,7 @@ Requires: @requires@
 Cflags: -I\${includedir}
 Libs: @libs@
 ")
-  install(FILES ${file} DESTINATION ${directory})
+  install(FILES ${file} DESTINATION ${directory} COMPONENT dev)
 endfunction()
 
 # house_library(Kop [STATIC] SOURCES a.cpp ... HEADERS a.h ... [DEPENDS Lib ...]
@@ -185,10 +185,11 @@ function(house_library name)
   endif()
 
   if(NOT arg_STATIC)
-    install(TARGETS ${name} EXPORT ${name}Targets FILE_SET HEADERS
-            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(TARGETS ${name} EXPORT ${name}Targets
+            LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
+            FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
     install(EXPORT ${name}Targets NAMESPACE ${package}::
-            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME} COMPONENT dev)
     house_pkg_config(${name} ${arg_OUTPUT_NAME} "${arg_SOURCES}" "${arg_DEPENDS}")
     set_property(GLOBAL APPEND PROPERTY HOUSE_LIBRARIES ${name})
     add_dependencies(commands ${name})
@@ -208,7 +209,7 @@ function(house_app name)
   target_link_libraries(${name} PRIVATE ${arg_DEPENDS})
   set_target_properties(${name} PROPERTIES
                         INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
-  install(TARGETS ${name})
+  install(TARGETS ${name} COMPONENT tools)
   add_dependencies(commands ${name})
 endfunction()
 
@@ -341,5 +342,5 @@ function(house_install_package)
   set(version ${PROJECT_BINARY_DIR}/package/${PROJECT_NAME}ConfigVersion.cmake)
   write_basic_package_version_file(${version} COMPATIBILITY SameMinorVersion)
   install(FILES ${config} ${version}
-          DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME} COMPONENT dev)
 endfunction()
