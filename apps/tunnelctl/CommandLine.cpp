@@ -26,6 +26,8 @@ struct Arguments {
   TunnelIdParts parts;
   std::string algorithm;
   std::string type, text, json;
+  RecordOptions record;
+  std::string hex;
   ApplyOptions apply;
   MonitorOptions monitor;
   std::string prefix;
@@ -77,6 +79,7 @@ class Command {
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     addIdentifiers();
     addTypes();
+    addRecord();
     addState();
   }
 
@@ -179,6 +182,24 @@ class Command {
       return Tunnelctl::value(context, a_.type,
                               text->count() ? std::optional(a_.text) : std::nullopt,
                               json->count() ? std::optional(a_.json) : std::nullopt);
+    });
+  }
+
+  void addRecord() {
+    auto* const record =
+        app_.add_subcommand("record", "Take binary records of tables apart");
+    record->add_option("TYPE", a_.record.type, "TunnelTableEntry, MplsCosVia, ...")
+        ->required();
+    auto* const file =
+        record->add_option("FILE", a_.record.file, "bytes; - for standard input");
+    auto* const hex = record->add_option("--hex", a_.hex, "the bytes in hexadecimal");
+    file->excludes(hex);
+    record->add_flag("--all", a_.record.all, "several records, one behind another");
+    does(record, [this, file, hex](const Context& context) {
+      if (hex->count()) a_.record.hex = a_.hex;
+      if (!hex->count() && !file->count())
+        throw UsageError("record: expected FILE or --hex TEXT");
+      return Tunnelctl::record(context, a_.record);
     });
   }
 

@@ -82,25 +82,47 @@ std::size_t widthOf(std::string_view text) {
 
 }  // namespace
 
+void Columns::row(const std::vector<std::string>& cells) {
+  widths_.resize(std::max(widths_.size(), cells.size()));
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    text_ += cells[i];
+    sizes_.push_back(static_cast<U32>(cells[i].size()));
+    widths_[i] = std::max(widths_[i], static_cast<U32>(widthOf(cells[i])));
+  }
+  rows_.push_back(static_cast<U32>(cells.size()));
+}
+
+void Columns::line(std::string_view text) {
+  text_ += text;
+  sizes_.push_back(static_cast<U32>(text.size()));
+  rows_.push_back(isLine);
+}
+
 void Columns::print(std::ostream& out,
                     const Style& style,
                     bool hasHeading,
                     std::size_t indent) const {
-  std::vector<std::size_t> widths;
-  for (const auto& cells : rows_) {
-    widths.resize(std::max(widths.size(), cells.size()));
-    for (std::size_t i = 0; i < cells.size(); ++i)
-      widths[i] = std::max(widths[i], widthOf(cells[i]));
-  }
-  for (std::size_t r = 0; r < rows_.size(); ++r) {
-    const auto& cells = rows_[r];
-    out << std::string(indent, ' ');
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-      out << (hasHeading && r == 0 ? style.paint(Style::heading, cells[i]) : cells[i]);
-      if (i + 1 < cells.size())
-        out << std::string(widths[i] - widthOf(cells[i]) + 2, ' ');
+  const std::string margin(indent, ' ');
+  std::string_view rest = text_;
+  auto size = sizes_.begin();
+  const auto next = [&] {
+    const std::string_view cell = rest.substr(0, *size);
+    rest.remove_prefix(*size++);
+    return cell;
+  };
+  bool isHeading = hasHeading;
+  std::string row;
+  for (const U32 cells : rows_) {
+    row = margin;
+    if (cells == isLine) row += next();
+    for (U32 i = 0; cells != isLine && i < cells; ++i) {
+      const std::string_view cell = next();
+      row += isHeading ? style.paint(Style::heading, cell) : std::string(cell);
+      if (i + 1 < cells) row.append(widths_[i] - widthOf(cell) + 2, ' ');
     }
-    out << '\n';
+    row += '\n';
+    out << row;
+    isHeading = false;
   }
 }
 
@@ -126,6 +148,21 @@ std::string plain(const Json& json) {
 
 void printJson(std::ostream& out, const Style& style, const Json& json) {
   out << writeJson(json, style.pretty) << '\n';
+}
+
+void JsonArray::push(const Json& item) {
+  if (!style_.json) return;
+  std::string text = writeJson(item, style_.pretty);
+  if (style_.pretty)
+    for (std::size_t at = 0; (at = text.find('\n', at)) != text.npos;)
+      text.insert(++at, 2, ' ');
+  out_ << (isOpen_ ? "," : "[") << (style_.pretty ? "\n  " : "") << text;
+  isOpen_ = true;
+}
+
+void JsonArray::finish() {
+  if (!style_.json) return;
+  out_ << (isOpen_ ? (style_.pretty ? "\n]\n" : "]\n") : "[]\n");
 }
 
 void printRecords(std::ostream& out, const Style& style, const Json& records, bool down) {

@@ -47,9 +47,14 @@ bool naturalLess(std::string_view a, std::string_view b);
 std::string printable(std::string_view text);
 
 // Rows in columns two blanks apart. The last column is not padded; a row may be short.
+//
+// Cost     the bytes of the cells and 4 bytes per cell, so that a million rows may stand in
+//          it.
 class Columns {
  public:
-  void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  void row(const std::vector<std::string>& cells);
+  // A line of its own, which no column is measured by.
+  void line(std::string_view text);
   bool empty() const { return rows_.empty(); }
   // The first row is a heading when style and `hasHeading` say so.
   void print(std::ostream& out,
@@ -58,7 +63,12 @@ class Columns {
              std::size_t indent = 0) const;
 
  private:
-  std::vector<std::vector<std::string>> rows_;
+  static constexpr U32 isLine = ~U32{0};
+
+  std::string text_;         // of all cells
+  std::vector<U32> sizes_;   // of each cell: bytes
+  std::vector<U32> rows_;    // cells of each row, or isLine, which is one
+  std::vector<U32> widths_;  // of each column: columns of a terminal
 };
 
 // An array of objects with equal names: as JSON when the style asks for it; else as a table,
@@ -67,6 +77,20 @@ void printRecords(std::ostream& out, const Style& style, const Json& records, bo
 
 // An array as JSON with a line end.
 void printJson(std::ostream& out, const Style& style, const Json& json);
+
+// The same piece by piece, so that an array need not be held as a whole. Prints nothing
+// unless the style asks for JSON.
+class JsonArray {
+ public:
+  JsonArray(std::ostream& out, const Style& style) : out_(out), style_(style) {}
+  void push(const Json& item);
+  void finish();  // with a line end
+
+ private:
+  std::ostream& out_;
+  const Style& style_;
+  bool isOpen_ = false;
+};
 
 // A scalar for people: null is "-", booleans are yes and no.
 std::string plain(const Json& json);

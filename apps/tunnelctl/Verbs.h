@@ -36,6 +36,14 @@ const Kop::TypeRecord& findTypeNamed(const std::string& name);
 // must not be asked to.
 bool isReadable(const Kop::TypeOps& type);
 
+struct RecordOptions {
+  std::string type;
+  std::optional<std::string> hex;  // otherwise of a file
+  std::string file;                // - is standard input
+  bool all = false;                // one record behind another, to the end of the bytes
+};
+int record(const Context& context, const RecordOptions& options);
+
 struct ApplyOptions {
   std::string file;
   bool check = false;  // compare only; exit status 1 when something differs
