@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "Routing/Multicast/MulticastTreeId.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Vantor/IpGenPrefix.h"
 #include "Vantor/MplsLabelOperation.h"
@@ -11,6 +12,7 @@
 
 namespace Tunnelctl {
 
+using Routing::Multicast::MulticastTreeId;
 using Tunnel::TunnelTable::TunnelId;
 using Vantor::IntfId;
 using Vantor::IpGenAddr;
@@ -44,7 +46,7 @@ constexpr FieldForm labelStackFields[] = {
     {"labels", Cell::label, Counted::elements, unlimited},
 };
 constexpr FieldForm treeIdFields[] = {
-    {"mcastTreeId", Cell::byte, Counted::bytes, unlimited},
+    {"mcastTreeId", Cell::byte, Counted::bytes, MulticastTreeId::maxByteCount},
 };
 
 constexpr RecordForm forms[] = {
@@ -201,9 +203,11 @@ class Reader {
     const std::string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     const bool isText = form.counted == Counted::text && isUtf8(text);
     field->value = Json::string(isText ? text : hexOf(bytes));
-    field->text = isText ? printable(text) : "0x" + hexOf(bytes);
-    if (!isText && form.counted == Counted::text)
+    field->text = isText ? printable(text) : hexOf(bytes);
+    if (!isText && form.counted == Counted::text) {
+      field->text = printable(text);
       field->value = Json(Json::object().add("bytes", std::move(field->value)));
+    }
     return true;
   }
   Record finish(bool complete) {
