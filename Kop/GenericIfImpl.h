@@ -138,6 +138,38 @@ struct TypeOpsOf {
       hash,          truth,     text,       parse,     logWrite, logRead, elements()};
 };
 
+// A buffer's address, which only functions take: it is copied and compared, and nothing of it
+// can be kept or sent.
+template <class P>
+struct TypeOpsOf<P*> {
+  using A = P*;
+  static A of(const void* value) { return *static_cast<const A*>(value); }
+  [[noreturn]] static void refuse() {
+    throw Exception(stringPrintf("%s has no text and no log form",
+                                 std::string(typeName<A>()).c_str()));
+  }
+
+  static void construct(void* at, const void* from) {
+    new (at) A{from ? of(from) : nullptr};
+  }
+  static void destruct(void*) {}
+  static void assign(void* to, const void* from) { *static_cast<A*>(to) = of(from); }
+  static bool equal(const void* a, const void* b) { return of(a) == of(b); }
+  static bool less(const void*, const void*) {
+    throw UnorderedTypeException(typeName<A>());
+  }
+  static U32 hash(const void*) { throw UnhashableTypeException(typeName<A>()); }
+  static bool truth(const void* value) { return of(value) != nullptr; }
+  static void text(TextOut&, const void*) { refuse(); }
+  static void parse(void*, TextIt&, const TextIt&, const char*) { refuse(); }
+  static void logWrite(NboAttrLog::Out&, const void*) { refuse(); }
+  static void logRead(void*, NboAttrLog::In&) { refuse(); }
+
+  static constexpr TypeOps ops{typeName<A>(), sizeof(A), alignof(A), construct, destruct,
+                               assign,        equal,     less,       hash,      truth,
+                               text,          parse,     logWrite,   logRead,   nullptr};
+};
+
 // A function row, taken apart.
 template <class F>
 struct Signature;

@@ -279,7 +279,7 @@ std::ostream& operator<<(std::ostream& out, const TunnelBandwidth& bandwidth) {
 }  // namespace Tunnel
 
 KOP_MODULE(TunnelBasicTypes,
-           f8c22b665d88e627,
+           d18faa64c7780641,
            Tunnel::GreHdrFlagsType,
            Tunnel::TunnelTable::NexthopType,
            Tunnel::TunnelTable::EncapType,
@@ -293,7 +293,13 @@ KOP_MODULE(TunnelBasicTypes,
            Tunnel::TunnelTable::EncapId,
            Tunnel::TunnelTable::HwTunnelKey,
            Tunnel::TunnelTable::TunnelBandwidth,
-           Tunnel::TunnelEntrySequenceNumber);
+           Tunnel::TunnelEntrySequenceNumber,
+           Tunnel::TunnelTable::Via,
+           Tunnel::TunnelTable::TunnelVia,
+           Tunnel::TunnelTable::MplsVia,
+           Tunnel::TunnelTable::MplsCosVia,
+           Tunnel::TunnelTable::BgpLuVia,
+           Tunnel::TunnelTable::ColoredTunnelEndpoint);
 KOP_INSTANTIATE_ENUM(Tunnel::GreHdrFlagsType);
 KOP_INSTANTIATE_ENUM(Tunnel::TunnelTable::NexthopType);
 KOP_INSTANTIATE_ENUM(Tunnel::TunnelTable::EncapType);
@@ -308,3 +314,9 @@ KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::EncapId);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::HwTunnelKey);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::TunnelBandwidth);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelEntrySequenceNumber);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::Via);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::TunnelVia);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::MplsVia);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::MplsCosVia);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::BgpLuVia);
+KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::ColoredTunnelEndpoint);

@@ -83,13 +83,13 @@ constexpr TypeRow intfRows[] = {
 constexpr TypeRow basicRows[] = {
     {0,  "Tunnel::GreHdrFlagsType",                      "enum32",
      "2 e noFlag=0, 3 e checksumFlag=32768, 4 e keyFlag=8192, 5 e sequenceFlag=4096, "
-     "6 e versionMask=7"                                                                            },
+     "6 e versionMask=7"                                                                              },
     {1,  "Tunnel::TunnelTable::NexthopType",             "enum8",
      "7 e invalid=0, 8 e gre=1, 9 e mpls=2, 10 e mplsOverGre=3, 11 e mplsOverUdp=4, "
-     "12 e ip=5"                                                                                    },
+     "12 e ip=5"                                                                                      },
     {2,  "Tunnel::TunnelTable::EncapType",               "enum8",
      "13 e invalidEncap=0, 14 e greEncap=1, 15 e ipSecEncap=2, 16 e ipSecGreEncap=3, "
-     "17 e mplsEncap=4, 18 e vxlanEncap=5"                                                          },
+     "17 e mplsEncap=4, 18 e vxlanEncap=5"                                                            },
     {3,  "Tunnel::TunnelTable::TunnelTableIdentifier",   "enum8",
      "19 e invalidTunnelTable=0, 20 e bgpLuTunnelTable=1, 21 e bgpLuPushTunnelTable=2, "
      "22 e ldpTunnelTable=3, 23 e rsvpFrrTunnelTable=4, 24 e rsvpLerSubTunnelTable=5, "
@@ -100,7 +100,7 @@ constexpr TypeRow basicRows[] = {
      "33 e ipsecGreTunnelInterfaceTunnelTable=14, 34 e evpnVxlanTunnelTable=15, "
      "35 e tiLfaTunnelTable=16, 36 e srTePolicyTunnelTable=17, "
      "37 e kelSdkSbfdSessionTunnelTable=18, 38 e isisFlexAlgoTunnelTable=19, "
-     "39 e mldpTunnelTable=20"                                                                      },
+     "39 e mldpTunnelTable=20"                                                                        },
     {4,  "Tunnel::TunnelTable::TunnelType",              "enum32",
      "40 e invalidTunnel=0, 41 e bgpLuPushTunnel=1, 42 e bgpLuTunnel=2, "
      "43 e ldpTunnel=3, 44 e nexthopTunnel=4, 45 e staticTunnel=5, "
@@ -109,14 +109,14 @@ constexpr TypeRow basicRows[] = {
      "52 e tiLfaTunnel=12, 53 e ospfSrTunnel=13, 54 e srTePolicyTunnel=14, "
      "55 e vxlanVtepEncapTunnel=15, 56 e rsvpLerTunnel=16, 57 e rsvpFrrTunnel=17, "
      "58 e kelSdkSbfdSessionTunnel=18, 59 e vxlanTunnel=19, 60 e rsvpLerSubTunnel=20, "
-     "61 e isisFlexAlgoTunnel=21, 62 e mldpTunnel=22, 63 e maxTunnelType=31"                        },
+     "61 e isisFlexAlgoTunnel=21, 62 e mldpTunnel=22, 63 e maxTunnelType=31"                          },
     {5,  "Tunnel::TunnelTable::ContributionToTunnelRIB", "enum32",
-     "64 e contributing=1, 65 e nonContributing=2"                                                  },
+     "64 e contributing=1, 65 e nonContributing=2"                                                    },
     {6,  "Tunnel::TunnelTable::TunnelTransportType",     "enum8",
-     "66 e unknownTunnel=0, 67 e mplsTunnel=1, 68 e ipTunnel=2"                                     },
+     "66 e unknownTunnel=0, 67 e mplsTunnel=1, 68 e ipTunnel=2"                                       },
     {7,  "Tunnel::TunnelTable::TunnelIdConstants",       "value",
      "2 c tunnelIndexMask, 3 c tunnelAfMask, 4 c tunnelTypeMask, 5 c flexAlgoIdMask, "
-     "6 c tunnelTypePos, 7 c tunnelAfPos, 8 c flexAlgoPos"                                          },
+     "6 c tunnelTypePos, 7 c tunnelAfPos, 8 c flexAlgoPos"                                            },
     {8,  "Tunnel::TunnelTable::TunnelId",                "value",
      "2 a value, 3 c invalid, 4 c typeMin, 5 c typeMax, 6 c minValue, 7 c maxValue, "
      "8 f isValid, 9 f tunnelType, 10 f tunnelIndex, 11 f tableType, "
@@ -125,17 +125,30 @@ constexpr TypeRow basicRows[] = {
      "19 f typeCliStr, 20 f addressFamilyCliStr, 21 f intfId, 22 f intfCliStr, 23 f "
      "hash, "
      "24 f isFlexAlgoTunnelType, 25 f convertToTunnelValue, "
-     "26 f convertToFlexAlgoTunnelValue, 27 f tunnelTypeToCliStrep"                                 },
+     "26 f convertToFlexAlgoTunnelValue, 27 f tunnelTypeToCliStrep"                                   },
     {9,  "Tunnel::TunnelTable::EncapIdConstants",        "value",
-     "2 c encapTypeMask, 3 c encapIndexMask, 4 c encapTypePos"                                      },
+     "2 c encapTypeMask, 3 c encapIndexMask, 4 c encapTypePos"                                        },
     {10, "Tunnel::TunnelTable::EncapId",                 "value",
      "2 a encapIdValue, 3 f encapType, 4 f encapIndex, 5 f encapValueIs, 6 f typeCliStr, "
-     "7 f typeCliStrep"                                                                             },
-    {11, "Tunnel::TunnelTable::HwTunnelKey",             "value",  "2 a index, 3 a chipId, 4 f hash"},
+     "7 f typeCliStrep"                                                                               },
+    {11, "Tunnel::TunnelTable::HwTunnelKey",             "value",  "2 a index, 3 a chipId, 4 f hash"  },
     {12, "Tunnel::TunnelTable::TunnelBandwidth",         "value",
-     "2 a value, 3 c defaultValue, 4 c invalidValue, 5 f isPresent, 6 f isValid"                    },
+     "2 a value, 3 c defaultValue, 4 c invalidValue, 5 f isPresent, 6 f isValid"                      },
     {13, "Tunnel::TunnelEntrySequenceNumber",            "value",
-     "2 a value, 3 c null, 4 c min, 5 c max, 6 f inc"                                               },
+     "2 a value, 3 c null, 4 c min, 5 c max, 6 f inc"                                                 },
+    {14, "Tunnel::TunnelTable::Via",                     "value",  "2 a nexthop, 3 a intfId, 4 f hash"},
+    {15, "Tunnel::TunnelTable::TunnelVia",               "value",
+     "2 a nexthop, 3 a intfId, 4 f hash, 130 a encapId"                                               },
+    {16, "Tunnel::TunnelTable::MplsVia",                 "value",
+     "2 a nexthop, 3 a intfId, 4 f hash, 130 a labels"                                                },
+    {17, "Tunnel::TunnelTable::MplsCosVia",              "value",
+     "2 a nexthop, 3 a intfId, 4 f hash, 130 a labels, 131 a ipDscp, 132 a mplsExp, "
+     "133 c mplsCosViaFixedLen, 134 f serializeLen, 135 f serialize, "
+     "136 f deserializeLen, 137 f deserialize"                                                        },
+    {18, "Tunnel::TunnelTable::BgpLuVia",                "value",  "2 s via, 3 a labels, 4 f hash"    },
+    {19, "Tunnel::TunnelTable::ColoredTunnelEndpoint",   "value",
+     "2 a tep, 3 a color, 4 a isColored, 5 f isNullPrefix, 6 f ipGenAddr, "
+     "7 f stringValue, 8 f hash"                                                                      },
 };
 
 struct ModuleRow {

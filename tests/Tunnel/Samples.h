@@ -29,6 +29,11 @@ void fill(Random& random, Kop::HSet<K>& set) {
   for (U32 left = random() % 4; left > 0; --left)
     set.is(sample<K>(random));
 }
+template <class N, class K>
+void fill(Random& random, Kop::HashMap2018<N, K>& map) {
+  for (U32 left = random() % 4; left > 0; --left)
+    map.insert(sample<K>(random), sample<typename N::ValueType>(random));
+}
 
 template <class T>
 T sample(Random& random) {
@@ -59,6 +64,21 @@ T sample(Random& random) {
     return kind == 0   ? T()
            : kind == 1 ? T::fromIpv4(sample<U32>(random))
                        : T::fromIpv6(bytes);
+  } else if constexpr (std::same_as<T, Vantor::IpGenPrefix>) {
+    const auto addr = sample<Vantor::IpGenAddr>(random);
+    return T(addr, random() % 2 * (addr.bitCount() - addr.bitCount() / 4));
+  } else if constexpr (std::same_as<T, Vantor::MplsLabelOperation> ||
+                       std::same_as<T, Vantor::DynamicMplsLabelStack>) {
+    T labels;
+    if constexpr (std::same_as<T, Vantor::MplsLabelOperation>)
+      labels.operationIs(static_cast<Vantor::MplsOperation>(random() % 5));
+    for (U32 left = random() % 4; left > 0; --left)
+      labels.labelPush(sample<U32>(random) & Vantor::maxMplsLabel);
+    return labels;
+  } else if constexpr (std::same_as<T, Vantor::IpDscp>) {
+    return T(sample<U8>(random));
+  } else if constexpr (std::same_as<T, U3>) {
+    return T::cut(sample<U8>(random));
   } else if constexpr (std::same_as<T, Tunnel::TunnelTable::TunnelId>) {
     return T(word(random) & T::maxValue);
   } else {

@@ -29,7 +29,13 @@ using Values = testing::Types<TunnelIdConstants,
                               DynamicTunnelIntfId,
                               Decap::DecapIntfKey,
                               Decap::DecapIntf,
-                              Decap::DecapExcludeIntfSet>;
+                              Decap::DecapExcludeIntfSet,
+                              Via,
+                              TunnelVia,
+                              MplsVia,
+                              MplsCosVia,
+                              BgpLuVia,
+                              ColoredTunnelEndpoint>;
 
 template <class T, class... Ts>
 constexpr bool isOneOf = (std::same_as<T, Ts> || ...);
@@ -43,7 +49,15 @@ constexpr bool unhashable = isOneOf<T,
                                     Decap::DecapIntf,
                                     Decap::DecapExcludeIntfSet>;
 template <class T>
-constexpr bool unparsable = isOneOf<T, Decap::DecapExcludeIntfSet>;
+constexpr bool unparsable = isOneOf<T, Decap::DecapExcludeIntfSet, BgpLuVia>;
+template <class T>
+constexpr bool orderLeavesOut = isOneOf<T, MplsCosVia>;  // something that equality sees
+template <class T>
+constexpr bool equalityLeavesOut = isOneOf<T, TunnelBandwidth, BgpLuVia>;
+// An address is hashed without its family, and a type may leave out more.
+template <class T>
+constexpr bool hashLeavesOut =
+    isOneOf<T, Via, TunnelVia, MplsVia, MplsCosVia, BgpLuVia, ColoredTunnelEndpoint>;
 template <class T>
 constexpr bool streamsItsNumber =
     isOneOf<T, TunnelId, TunnelBandwidth, TunnelEntrySequenceNumber>;
@@ -135,12 +149,16 @@ TYPED_TEST(ValueProtocol, equalityOrderAndHashAgree) {
     for (const auto& b : values) {
       const bool equal = a == b;
       EXPECT_EQ(equal, b == a);
-      EXPECT_EQ(equal, !(a < b) && !(b < a));
+      if constexpr (orderLeavesOut<TypeParam>) {
+        EXPECT_FALSE(equal && (a < b || b < a));
+      } else {
+        EXPECT_EQ(equal, !(a < b) && !(b < a));
+      }
       EXPECT_FALSE(a < b && b < a);
       if constexpr (Kop::equalIsBitwise<TypeParam>) {
         EXPECT_EQ(equal, Kop::ValueOps<TypeParam>::equal(a, b));
       }
-      if constexpr (!std::same_as<TypeParam, TunnelBandwidth>) {  // two zeros, one value
+      if constexpr (!equalityLeavesOut<TypeParam>) {
         EXPECT_EQ(equal, logOf(a) == logOf(b));
       }
       if constexpr (!unhashable<TypeParam>) {
@@ -157,7 +175,7 @@ TYPED_TEST(ValueProtocol, hashSpreads) {
   if constexpr (unhashable<TypeParam>) {
     for (const auto& value : this->values_)
       EXPECT_THROW(hashOf(value), Kop::UnhashableTypeException);
-  } else {
+  } else if constexpr (!hashLeavesOut<TypeParam>) {
     for (const auto& a : this->values_)
       for (const auto& b : this->values_)
         EXPECT_EQ(hashOf(a) == hashOf(b), a == b);
