@@ -7,7 +7,7 @@ packages='
   g++ clang clang-14 libclang-rt-14-dev llvm-14
   cmake ninja-build pkgconf python3
   libgtest-dev libgmock-dev
-  dpkg-dev fakeroot file lintian
+  dpkg-dev fakeroot file gdb lintian
   libbenchmark-dev libabsl-dev libboost-dev
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
 '
