@@ -19,7 +19,7 @@ int main() {
       TunnelId::convertToTunnelValue(Tunnel::TunnelTable::ldpTunnel, 26));
   const Tunnel::TunnelTable::EncapId encap(0x40000007);
   const Vantor::IntfId ethernet("Ethernet3/1.7"), vlan("Vlan12"), none;
-  const auto dynamic = tunnel.intfId();
+  [[maybe_unused]] const auto dynamic = tunnel.intfId();
   const Vantor::IpGenAddr v4("192.0.2.1"), v6("2001:db8::1");
   const Vantor::IpGenPrefix prefix("10.0.0.0/8");
   const Vantor::EthAddr mac("00:1c:73:00:00:99");
