@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Kop/Types.h"
 
 // The rows of which a type is declared, and what each of them becomes.
@@ -25,12 +27,22 @@ struct Attr {
   U32 number;
   T Class::*member;
 };
+class String;
+// As what a constant stands in the program: nothing runs at load, so a text is no String.
+template <class T>
+struct KeptConstant {
+  using Type = T;
+};
+template <>
+struct KeptConstant<String> {
+  using Type = std::string_view;
+};
 template <class T>
 struct Constant {
   using Type = T;
   const char* name;
   U32 number;
-  const T* value;
+  const typename KeptConstant<T>::Type* value;
 };
 template <class F>  // F is a pointer to a member function or to a static one
 struct Function {
@@ -152,10 +164,11 @@ constexpr bool numberIsOwn(U32 number, U32 first) {
   }
 
 // KOP_CONSTANT(4, U32, typeMin, 0):  static constexpr U32 typeMin = 0;
-#define KOP_CONSTANT(N, T, name, ...)                         \
- public:                                                      \
-  static constexpr T name = __VA_ARGS__;                      \
-  KOP_ROW_(N, (Kop::Constant<T>), {#name, N, &KopSelf::name}) \
+// One of type Kop::String is a std::string_view.
+#define KOP_CONSTANT(N, T, name, ...)                            \
+ public:                                                         \
+  static constexpr Kop::KeptConstant<T>::Type name{__VA_ARGS__}; \
+  KOP_ROW_(N, (Kop::Constant<T>), {#name, N, &KopSelf::name})    \
   static_assert(true)
 
 // KOP_FUNCTION(4, U32, hash, U32 seed):  U32 hash(U32 seed) const;
@@ -241,6 +254,34 @@ constexpr bool numberIsOwn(U32 number, U32 first) {
     name##_.clear();                               \
   }                                                \
   KOP_WRAPPED(N, Kop##Name##Map, name)
+
+// KOP_ARRAY(7, endpoint, Endpoint, IpGenPrefix, TepIndex, 16): up to 16 elements that stand
+// in the value itself. Include Kop/PodArray.h, which tells their rules.
+//   endpoint() the array;  endpoint(i) or a default element;  endpointIs(i, element)
+//   endpointDel(i or iterator), what was removed;  endpointDelAll
+//   endpointIteratorConst()
+#define KOP_ARRAY(N, name, Name, T, Index, size)                \
+ public:                                                        \
+  using Kop##Name##Array = Kop::PodArray<T, Index, size>;       \
+  T name(const Index& index) const {                            \
+    return name##_.get(index);                                  \
+  }                                                             \
+  Kop##Name##Array::IteratorConst name##IteratorConst() const { \
+    return name##_.iteratorConst();                             \
+  }                                                             \
+  void name##Is(const Index& index, const T& element) {         \
+    name##_.set(index, element);                                \
+  }                                                             \
+  T name##Del(const Index& index) {                             \
+    return name##_.del(index);                                  \
+  }                                                             \
+  T name##Del(const Kop##Name##Array::IteratorConst& it) {      \
+    return name##_.del(it);                                     \
+  }                                                             \
+  void name##DelAll() {                                         \
+    name##_.delAll();                                           \
+  }                                                             \
+  KOP_WRAPPED(N, Kop##Name##Array, name)
 
 // ---------------------------------------------------------------------------------------
 // Entities

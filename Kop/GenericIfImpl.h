@@ -22,6 +22,8 @@ consteval std::string_view attrTypeName() {
     return "Kop::HashMap2018";
   else if constexpr (isOrderedMap<A>)
     return "Kop::RbTreeMap";
+  else if constexpr (isPodArray<A>)
+    return "Kop::PodArray";
   else
     return typeName<A>();
 }
@@ -82,6 +84,29 @@ struct ElementOpsOf {
   static constexpr ElementOps ops{keyOps(), valueOps(), count, each, insert};
 };
 
+// Elements of an array by index. One that is put behind the last makes those between them
+// default elements.
+template <class A>
+struct ArrayElementOpsOf {
+  using Index = typename A::IndexType;
+  static U32 count(const void* array) { return static_cast<const A*>(array)->count(); }
+  static void each(const void* array,
+                   void* context,
+                   void (*visit)(void* context, const void* key, const void* value)) {
+    for (auto it = static_cast<const A*>(array)->iteratorConst(); it; it.advance()) {
+      const Index index = it.key();
+      visit(context, &index, &it.value());
+    }
+  }
+  static void insert(void* array, const void* key, const void* value) {
+    static_cast<A*>(array)->set(*static_cast<const Index*>(key),
+                                *static_cast<const typename A::Element*>(value));
+  }
+  static constexpr std::array<std::string_view, 1> keyNames{typeName<Index>()};
+  static constexpr ElementOps ops{
+      &TypeOpsOf<Index>::ops, &TypeOpsOf<typename A::Element>::ops, count, each, insert};
+};
+
 template <class A>
 struct TypeOpsOf {
   static const A& of(const void* value) { return *static_cast<const A*>(value); }
@@ -130,12 +155,26 @@ struct TypeOpsOf {
   static constexpr const ElementOps* elements() {
     if constexpr (ValueCollection<A>)
       return &ElementOpsOf<A>::ops;
+    else if constexpr (isPodArray<A> && !isByteArray<A>)
+      return &ArrayElementOpsOf<A>::ops;
     else
       return nullptr;
   }
-  static constexpr TypeOps ops{
-      typeName<A>(), sizeof(A), alignof(A), construct, destruct, assign,  equal,     less,
-      hash,          truth,     text,       parse,     logWrite, logRead, elements()};
+  static constexpr TypeOps ops{attrTypeName<A>(),
+                               sizeof(A),
+                               alignof(A),
+                               construct,
+                               destruct,
+                               assign,
+                               equal,
+                               less,
+                               hash,
+                               truth,
+                               text,
+                               parse,
+                               logWrite,
+                               logRead,
+                               elements()};
 };
 
 // A buffer's address, which only functions take: it is copied and compared, and nothing of it
@@ -232,7 +271,14 @@ struct RowOps {
   static const void* attributeAt(const void* self) {
     return &(selfOf<T>(const_cast<void*>(self))->*(row().member));
   }
-  static const void* constantAt(const void*) { return row().value; }
+  static const void* constantAt(const void*) {
+    if constexpr (std::same_as<typename Row::Type, String>) {
+      static const String text(*row().value);
+      return &text;
+    } else {
+      return row().value;
+    }
+  }
   static void call(void* self, const void* const* arguments, void* result) {
     using S = Signature<typename Row::Type>;
     using Arguments = typename S::Arguments;
@@ -304,6 +350,15 @@ struct RowOps {
               MemberKind::collection,
               Elements::valueName(),
               Elements::keyNames,
+              0,
+              &ops};
+    } else if constexpr (isPodArray<typename Row::Type>) {
+      using Array = ArrayElementOpsOf<typename Row::Type>;
+      return {row().name,
+              N,
+              MemberKind::collection,
+              typeName<typename Row::Type::Element>(),
+              Array::keyNames,
               0,
               &ops};
     } else {

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "Drem/Error.h"
 #include "Kop/Assert.h"
@@ -30,7 +31,25 @@ class PodArray {
   static_assert(std::is_trivially_copyable_v<T>);
 
  public:
+  using Element = T;
+  using IndexType = Index;
   static constexpr U32 capacity = N;
+
+  // Walks the elements. It stands at a place: when the element there is removed, it shows
+  // the default one that took the place, or is at the end.
+  class IteratorConst {
+   public:
+    constexpr explicit operator bool() const { return at_ < array_->count(); }
+    constexpr Index key() const { return Index(static_cast<IndexNumber>(at_)); }
+    constexpr const T& value() const { return array_->data()[at_]; }
+    constexpr void advance() { ++at_; }
+
+   private:
+    friend PodArray;
+    constexpr explicit IteratorConst(const PodArray& array) : array_(&array) {}
+    const PodArray* array_;
+    U32 at_ = 0;
+  };
 
   constexpr PodArray() = default;
   PodArray(TextIt& it, const TextIt& end);
@@ -41,6 +60,7 @@ class PodArray {
   constexpr const T* data() const { return slots_; }
   constexpr const T* begin() const { return slots_; }
   constexpr const T* end() const { return slots_ + count_; }
+  constexpr IteratorConst iteratorConst() const { return IteratorConst(*this); }
 
   // The element, or a default one when the index is not below the count.
   constexpr T get(const Index& index) const {
@@ -75,6 +95,7 @@ class PodArray {
         --count_;
     return element;
   }
+  constexpr T del(const IteratorConst& it) { return it ? del(it.key()) : T{}; }
   // As del() of every index in order: all slots but the last element's become default.
   constexpr void delAll() {
     for (U32 i = 0; i + 1 < count_; ++i)
@@ -91,6 +112,20 @@ class PodArray {
 
  private:
   static constexpr bool isBytes = std::same_as<T, U8>;
+
+  // What an index holds.
+  template <class I>
+  struct NumberOf {
+    using Type = I;
+  };
+  template <class I>
+    requires requires(I i) {
+      i.value();
+    }
+  struct NumberOf<I> {
+    using Type = std::remove_cvref_t<decltype(std::declval<I>().value())>;
+  };
+  using IndexNumber = typename NumberOf<Index>::Type;
 
   static constexpr U32 number(const Index& index) {
     U32 i;

@@ -152,6 +152,19 @@ inline constexpr bool isOrderedMap<RbTreeMap<K, V>> = true;
 template <class A>
 concept ValueCollection = isHashSet<A> || isHashMap<A> || isOrderedMap<A>;
 
+// Arrays inside a value, likewise not taken by constructors. One of bytes is written and
+// read as a text; of others the elements are seen.
+template <class T, class Index, U32 N>
+class PodArray;
+template <class A>
+inline constexpr bool isPodArray = false;
+template <class T, class Index, U32 N>
+inline constexpr bool isPodArray<PodArray<T, Index, N>> = true;
+template <class A>
+inline constexpr bool isByteArray = false;
+template <class Index, U32 N>
+inline constexpr bool isByteArray<PodArray<U8, Index, N>> = true;
+
 template <class T, class... Args>
 consteval bool allAttributes() {
   if constexpr (sizeof...(Args) != storedCount<T>())
@@ -159,7 +172,7 @@ consteval bool allAttributes() {
   else
     return []<U32... I>(std::integer_sequence<U32, I...>) {
       return ((std::convertible_to<Args, StoredType<T, I>> &&
-               !ValueCollection<StoredType<T, I>>)&&...);
+               !ValueCollection<StoredType<T, I>> && !isPodArray<StoredType<T, I>>)&&...);
     }
   (std::make_integer_sequence<U32, sizeof...(Args)>{});
 }
