@@ -18,7 +18,7 @@ int main() {
   const TunnelId tunnel(
       TunnelId::convertToTunnelValue(Tunnel::TunnelTable::ldpTunnel, 26));
   const Tunnel::TunnelTable::EncapId encap(0x40000007);
-  const Vantor::IntfId ethernet("Ethernet3/1.7"), vlan("Vlan12"), none;
+  [[maybe_unused]] const Vantor::IntfId ethernet("Ethernet3/1.7"), vlan("Vlan12"), none;
   [[maybe_unused]] const auto dynamic = tunnel.intfId();
   const Vantor::IpGenAddr v4("192.0.2.1"), v6("2001:db8::1");
   const Vantor::IpGenPrefix prefix("10.0.0.0/8");
