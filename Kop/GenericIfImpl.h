@@ -384,7 +384,7 @@ constexpr void addMembers(Out& out, U32& at) {
   if constexpr (!std::same_as<D, void>) {
     addMembers<T, typename D::KopBase>(out, at);
     [&]<U32... I>(std::integer_sequence<U32, I...>) {
-      const auto add = [&]<U32 N>(Number<N>) {
+      [[maybe_unused]] const auto add = [&]<U32 N>(Number<N>) {
         if constexpr (HasRedefined<T, N>)
           out[at++] = RowOps<T, T, N, true>::record();
         else

@@ -12,6 +12,7 @@
 #include "Kop/Module.h"
 #include "Kop/NboAttrLogSa.h"
 #include "Tunnel/DecapGroupHivelTypes.h"
+#include "Tunnel/MldpTunnelHivelTypes.h"
 #include "Tunnel/MplsTunnelConfig.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
@@ -151,15 +152,29 @@ constexpr TypeRow basicRows[] = {
      "7 f stringValue, 8 f hash"                                                                      },
 };
 
+constexpr TypeRow mldpRows[] = {
+    {0, "Tunnel::TunnelTable::MldpTunnelRibEntry", "value",
+     "2 a tunnelId, 3 a mcastTreeId, 4 f hash, 5 f serializeLen, 6 f serialize, "
+     "7 f deserialize, 8 f deserializeLen"                                },
+    {1, "Tunnel::TunnelTable::MldpTunnelRib",      "entity", "258 s entry"},
+};
+constexpr TypeRow multicastRows[] = {
+    {0, "Tunnel::TunnelTable::MulticastTunnelTableEntry", "value",
+     "2 a tunnelId, 3 a mcastTreeId, 4 f hash, 5 f serializeLen, 6 f serialize, "
+     "7 f deserialize, 8 f deserializeLen"},
+};
+
 struct ModuleRow {
   const char* name;
   std::span<const TypeRow> types;
 };
 const ModuleRow moduleRows[] = {
-    {"DecapGroupHivelTypes", decapRows},
-    {"MplsTunnelConfig",     mplsRows },
-    {"TunnelBasicTypes",     basicRows},
-    {"TunnelIntfId",         intfRows },
+    {"DecapGroupHivelTypes",      decapRows    },
+    {"MplsTunnelConfig",          mplsRows     },
+    {"TunnelBasicTypes",          basicRows    },
+    {"TunnelIntfId",              intfRows     },
+    {"MldpTunnelHivelTypes",      mldpRows     },
+    {"MulticastTunnelTableEntry", multicastRows},
 };
 
 // Catches a type or a member whose number moved: peers and stored data go by the numbers.

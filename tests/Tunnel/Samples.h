@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Tunnel/DecapGroupHivelTypes.h"
+#include "Tunnel/MldpTunnelHivelTypes.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
 
@@ -52,6 +53,11 @@ T sample(Random& random) {
     return text;
   } else if constexpr (std::same_as<T, Brel::ChipId>) {
     return T(sample<U8>(random));
+  } else if constexpr (std::same_as<T, Routing::Multicast::MulticastTreeId>) {
+    U8 bytes[20];
+    for (U8& byte : bytes)
+      byte = sample<U8>(random);
+    return T(bytes, random() % 2 == 0 ? random() % 2 : random() % sizeof bytes);
   } else if constexpr (std::same_as<T, Vantor::AddressFamily>) {
     return static_cast<T>(random() % 3);
   } else if constexpr (std::same_as<T, Vantor::IntfId>) {

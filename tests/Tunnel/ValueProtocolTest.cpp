@@ -35,7 +35,9 @@ using Values = testing::Types<TunnelIdConstants,
                               MplsVia,
                               MplsCosVia,
                               BgpLuVia,
-                              ColoredTunnelEndpoint>;
+                              ColoredTunnelEndpoint,
+                              MulticastTunnelTableEntry,
+                              MldpTunnelRibEntry>;
 
 template <class T, class... Ts>
 constexpr bool isOneOf = (std::same_as<T, Ts> || ...);
