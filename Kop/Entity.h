@@ -165,7 +165,8 @@ consteval U32 ownEntityRows() {
 // that has none gives an empty class of its own, since none may be inherited twice.
 template <class T, U32 N>
 concept HasReaction = requires {
-  T::kopReaction(Number<N>{});
+  // Only named: nobody makes one, so it cannot be destroyed either.
+  typename std::type_identity_t<decltype(T::kopReaction(Number<N>{}))>;
 };
 template <class T, U32 N>
 concept HasMixin = requires {
@@ -189,20 +190,36 @@ struct Mixins : Mixins<typename T::KopBase>,
 template <>
 struct Mixins<void> {};
 
+// A function is a row to which nobody can react.
+template <class T, U32 N>
+struct ReactionAt {
+  using Type = NoMixin<T, N>;
+};
+template <class T, U32 N>
+  requires HasReaction<T, N>
+struct ReactionAt<T, N> {
+  using Type = decltype(T::kopReaction(Number<N>{}));
+};
+
 template <class T, class Numbers>
 class OwnReactions;
 template <class T, U32... I>
 class OwnReactions<T, std::integer_sequence<U32, I...>>
-    : public decltype(T::kopReaction(Number<T::kopFirst + I>{}))... {
+    : public ReactionAt<T, T::kopFirst + I>::Type... {
  protected:
   ~OwnReactions() = default;
   template <class Derived>
   static bool react(Derived& self, AttributeId attribute, const void* key) {
-    return ((attribute == T::kopFirst + I &&
-             (static_cast<decltype(T::kopReaction(Number<T::kopFirst + I>{}))&>(self)
-                  .kopReact(key),
-              true)) ||
-            ...);
+    return (reactAt<T::kopFirst + I>(self, attribute, key) || ...);
+  }
+
+ private:
+  template <U32 N, class Derived>
+  static bool reactAt(Derived& self, AttributeId attribute, const void* key) {
+    if (attribute != N) return false;
+    if constexpr (HasReaction<T, N>)
+      static_cast<typename ReactionAt<T, N>::Type&>(self).kopReact(key);
+    return true;
   }
 };
 template <class T>
