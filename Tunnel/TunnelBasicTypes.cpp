@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "Kop/Assert.h"
+#include "Kop/EntityImpl.h"
 #include "Kop/ModuleImpl.h"
 #include "Kop/ValueImpl.h"
 #include "Toggle/Toggle.h"
@@ -279,7 +280,7 @@ std::ostream& operator<<(std::ostream& out, const TunnelBandwidth& bandwidth) {
 }  // namespace Tunnel
 
 KOP_MODULE(TunnelBasicTypes,
-           d18faa64c7780641,
+           445c9913fcd3157c,
            Tunnel::GreHdrFlagsType,
            Tunnel::TunnelTable::NexthopType,
            Tunnel::TunnelTable::EncapType,
@@ -299,7 +300,16 @@ KOP_MODULE(TunnelBasicTypes,
            Tunnel::TunnelTable::MplsVia,
            Tunnel::TunnelTable::MplsCosVia,
            Tunnel::TunnelTable::BgpLuVia,
-           Tunnel::TunnelTable::ColoredTunnelEndpoint);
+           Tunnel::TunnelTable::ColoredTunnelEndpoint,
+           Tunnel::L3TunnelInfo,
+           Tunnel::GreTunnelInfo,
+           Tunnel::IpsecGreTunnelInfo,
+           Tunnel::IpsecVtiTunnelInfo,
+           Tunnel::VxlanTunnelInfo,
+           Tunnel::L3TunnelInfoTable,
+           Tunnel::GreTunnelInfoTable,
+           Tunnel::IpsecGreTunnelInfoTable,
+           Tunnel::IpsecVtiTunnelInfoTable);
 KOP_INSTANTIATE_ENUM(Tunnel::GreHdrFlagsType);
 KOP_INSTANTIATE_ENUM(Tunnel::TunnelTable::NexthopType);
 KOP_INSTANTIATE_ENUM(Tunnel::TunnelTable::EncapType);
@@ -320,3 +330,12 @@ KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::MplsVia);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::MplsCosVia);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::BgpLuVia);
 KOP_INSTANTIATE_VALUE(Tunnel::TunnelTable::ColoredTunnelEndpoint);
+KOP_INSTANTIATE_VALUE(Tunnel::L3TunnelInfo);
+KOP_INSTANTIATE_VALUE(Tunnel::GreTunnelInfo);
+KOP_INSTANTIATE_VALUE(Tunnel::IpsecGreTunnelInfo);
+KOP_INSTANTIATE_VALUE(Tunnel::IpsecVtiTunnelInfo);
+KOP_INSTANTIATE_VALUE(Tunnel::VxlanTunnelInfo);
+KOP_INSTANTIATE_ENTITY(Tunnel, L3TunnelInfoTable);
+KOP_INSTANTIATE_ENTITY(Tunnel, GreTunnelInfoTable);
+KOP_INSTANTIATE_ENTITY(Tunnel, IpsecGreTunnelInfoTable);
+KOP_INSTANTIATE_ENTITY(Tunnel, IpsecVtiTunnelInfoTable);

@@ -1,5 +1,6 @@
 #pragma once
 
 // What every part of the tunnel system speaks of.
+#include "Tunnel/IpTunnels.h"
 #include "Tunnel/TunnelIds.h"
 #include "Tunnel/Vias.h"

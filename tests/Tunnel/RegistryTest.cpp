@@ -150,6 +150,27 @@ constexpr TypeRow basicRows[] = {
     {19, "Tunnel::TunnelTable::ColoredTunnelEndpoint",   "value",
      "2 a tep, 3 a color, 4 a isColored, 5 f isNullPrefix, 6 f ipGenAddr, "
      "7 f stringValue, 8 f hash"                                                                      },
+    {20, "Tunnel::L3TunnelInfo",                         "value",
+     "2 a src, 3 a dst, 4 a tos, 5 a ttl, 6 a pathMtuDiscovery, "
+     "7 f dscp, 8 f hoplimit, 9 f hash"                                                               },
+    {21, "Tunnel::GreTunnelInfo",                        "value",
+     "2 a src, 3 a dst, 4 a tos, 5 a ttl, 6 a pathMtuDiscovery, "
+     "7 f dscp, 8 f hoplimit, 9 f hash, "
+     "130 a protocol, 131 a oFlags, 132 a iFlags, 133 a oKey, 134 a iKey"                             },
+    {22, "Tunnel::IpsecGreTunnelInfo",                   "value",
+     "2 a src, 3 a dst, 4 a tos, 5 a ttl, 6 a pathMtuDiscovery, "
+     "7 f dscp, 8 f hoplimit, 9 f hash, "
+     "130 a protocol, 131 a oFlags, 132 a iFlags, 133 a oKey, 134 a iKey, "
+     "258 a ipsecTableIndex"                                                                          },
+    {23, "Tunnel::IpsecVtiTunnelInfo",                   "value",
+     "2 a src, 3 a dst, 4 a tos, 5 a ttl, 6 a pathMtuDiscovery, "
+     "7 f dscp, 8 f hoplimit, 9 f hash, 130 a ipsecTableIndex"                                        },
+    {24, "Tunnel::VxlanTunnelInfo",                      "value",
+     "2 a destIp, 3 a srcVti, 4 f toStrep, 5 f hash"                                                  },
+    {25, "Tunnel::L3TunnelInfoTable",                    "entity", "258 s entry"                      },
+    {26, "Tunnel::GreTunnelInfoTable",                   "entity", "258 s entry"                      },
+    {27, "Tunnel::IpsecGreTunnelInfoTable",              "entity", "258 s entry"                      },
+    {28, "Tunnel::IpsecVtiTunnelInfoTable",              "entity", "258 s entry"                      },
 };
 
 constexpr TypeRow mldpRows[] = {

@@ -37,7 +37,12 @@ using Values = testing::Types<TunnelIdConstants,
                               BgpLuVia,
                               ColoredTunnelEndpoint,
                               MulticastTunnelTableEntry,
-                              MldpTunnelRibEntry>;
+                              MldpTunnelRibEntry,
+                              L3TunnelInfo,
+                              GreTunnelInfo,
+                              IpsecGreTunnelInfo,
+                              IpsecVtiTunnelInfo,
+                              VxlanTunnelInfo>;
 
 template <class T, class... Ts>
 constexpr bool isOneOf = (std::same_as<T, Ts> || ...);
@@ -53,13 +58,24 @@ constexpr bool unhashable = isOneOf<T,
 template <class T>
 constexpr bool unparsable = isOneOf<T, Decap::DecapExcludeIntfSet, BgpLuVia>;
 template <class T>
-constexpr bool orderLeavesOut = isOneOf<T, MplsCosVia>;  // something that equality sees
+constexpr bool orderLeavesOut =  // something that equality sees
+    isOneOf<T, MplsCosVia, IpsecGreTunnelInfo, IpsecVtiTunnelInfo>;
 template <class T>
 constexpr bool equalityLeavesOut = isOneOf<T, TunnelBandwidth, BgpLuVia>;
 // An address is hashed without its family, and a type may leave out more.
 template <class T>
-constexpr bool hashLeavesOut =
-    isOneOf<T, Via, TunnelVia, MplsVia, MplsCosVia, BgpLuVia, ColoredTunnelEndpoint>;
+constexpr bool hashLeavesOut = isOneOf<T,
+                                       Via,
+                                       TunnelVia,
+                                       MplsVia,
+                                       MplsCosVia,
+                                       BgpLuVia,
+                                       ColoredTunnelEndpoint,
+                                       L3TunnelInfo,
+                                       GreTunnelInfo,
+                                       IpsecGreTunnelInfo,
+                                       IpsecVtiTunnelInfo,
+                                       VxlanTunnelInfo>;
 template <class T>
 constexpr bool streamsItsNumber =
     isOneOf<T, TunnelId, TunnelBandwidth, TunnelEntrySequenceNumber>;
