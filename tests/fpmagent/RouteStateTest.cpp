@@ -1,0 +1,270 @@
+#include <algorithm>
+#include <random>
+#include <set>
+#include <tuple>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Harness.h"
+
+namespace FpmTest {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const Vantor::IpGenAddr gateway("10.0.0.2");
+
+Hop pushing(U32 label) {
+  return {
+      gateway, 1, {1, {label}}
+  };
+}
+RouteMessage routeVia(U32 id, U8 protocol = 187, const char* prefix = "10.1.0.0/16") {
+  return {true, false, 0, Vantor::IpGenPrefix(Kop::String(prefix)), 254, protocol,
+          0,    id,    {}};
+}
+RouteMessage switchedPath(U32 label, U8 protocol, std::vector<Hop> hops) {
+  return {true, true, label, {}, 254, protocol, 0, 0, std::move(hops)};
+}
+NextHopMessage object(U32 id, std::vector<Hop> hops) {
+  return {true, id, false, {}, std::move(hops)};
+}
+NextHopMessage group(U32 id, std::vector<U32> members) {
+  return {true, id, true, std::move(members), {}};
+}
+template <class M>
+M deleted(M message) {
+  message.isNew = false;
+  return message;
+}
+
+// ---- the plain model: tables of what was told, every path worked out anew ----
+
+struct Model {
+  std::map<std::string, RouteMessage> routes;
+  std::map<U32, NextHopMessage> objects;
+
+  void take(const Message& message) {
+    if (const auto* const route = std::get_if<RouteMessage>(&message)) {
+      const std::string key = route->switched ? "label " + std::to_string(route->label)
+                                              : std::string(route->prefix.stringValue()) +
+                                                    " " + std::to_string(route->table);
+      routes.erase(key);
+      if (route->isNew) routes.emplace(key, *route);
+    } else if (const auto* const nextHop = std::get_if<NextHopMessage>(&message)) {
+      objects.erase(nextHop->id);
+      if (nextHop->isNew) objects.emplace(nextHop->id, *nextHop);
+    }
+  }
+  std::vector<Hop> hopsOf(U32 id, bool member = false) const {
+    const auto found = objects.find(id);
+    if (found == objects.end()) return {};
+    std::vector<Hop> hops = found->second.hops;
+    if (!member)
+      for (const U32 each : found->second.group)
+        for (const Hop& hop : hopsOf(each, true))
+          hops.push_back(hop);
+    return hops;
+  }
+  std::vector<std::string> lines() const {
+    static const std::map<U8, std::pair<const char*, U32>> kinds = {
+        {187, {"isis", 7}  },
+        {193, {"ldp", 3}   },
+        {196, {"static", 5}},
+        {198, {"srte", 14} }
+    };
+    std::map<std::pair<U32, std::string>, std::string> all;
+    for (const auto& [key, route] : routes) {
+      auto hops = route.nextHopId != 0 ? hopsOf(route.nextHopId) : route.hops;
+      // pop[] comes behind swap, noOperation[] before push
+      std::stable_sort(hops.begin(), hops.end(), [&](const Hop& a, const Hop& b) {
+        const auto rank = [&](const Hop& hop) {
+          const bool first = (hop.labels.count != 0) == route.switched;
+          return std::tuple(hop.interface, !first, hop.labels.labels[0]);
+        };
+        return rank(a) < rank(b);
+      });
+      const auto kind = kinds.find(route.protocol);
+      bool pushes = route.switched;
+      std::string text;
+      for (const Hop& hop : hops) {
+        pushes = pushes || hop.labels.count != 0;
+        text += " | " + std::string(hop.address.stringValue()) + " if" +
+                std::to_string(hop.interface) + " " +
+                (route.switched     ? hop.labels.count ? "swap" : "pop"
+                 : hop.labels.count ? "push"
+                                    : "noOperation") +
+                "[" + (hop.labels.count ? std::to_string(hop.labels.labels[0]) : "") +
+                "]";
+      }
+      const bool ipv6 = !route.switched && route.prefix.af() == Vantor::ipv6;
+      if (kind == kinds.end() || hops.empty() || !pushes) continue;
+      const auto& [protocol, type] = kind->second;
+      if (ipv6 && type != 5 && type != 7) continue;
+      const std::string prefix = std::string(route.prefix.stringValue());
+      const std::string name =
+          std::string(protocol) +
+          (route.switched       ? "-label-" + std::to_string(route.label)
+           : route.table == 254 ? "-" + prefix
+                                : "-" + prefix + "-table" + std::to_string(route.table));
+      all[{type, name}] = name + " type " + std::to_string(type) + " " + prefix +
+                          " metric " + std::to_string(route.metric) +
+                          (ipv6 ? " ipv6" : "") + text;
+    }
+    std::vector<std::string> lines;
+    for (const auto& [key, line] : all)
+      lines.push_back(line);
+    return lines;
+  }
+};
+
+Message randomMessage(std::minstd_rand& random) {
+  const auto below = [&](U32 n) { return static_cast<U32>(random() / 7 % n); };
+  const auto hop = [&] {
+    Hop made{gateway, 1 + below(2), {}};
+    if (below(3) != 0) made.labels = {1, {16 + below(4)}};
+    return made;
+  };
+  const bool isNew = below(4) != 0;
+  if (below(3) == 0) {
+    const U32 id = 1 + below(6);
+    if (!isNew) return deleted(object(id, {}));
+    if (below(2) == 0) return object(id, {hop()});
+    std::vector<U32> members;
+    for (U32 i = below(4); i > 0; --i)
+      members.push_back(1 + below(6));  // also itself, other groups, twice the same
+    return group(id, members);
+  }
+  const U8 protocols[] = {186, 187, 193, 196, 198};
+  const char* const prefixes[] = {"10.1.0.0/16", "10.1.0.0/24", "2001:db8::/32"};
+  RouteMessage route = below(3) == 0
+                           ? switchedPath(16 + below(3), protocols[below(5)], {})
+                           : routeVia(0, protocols[below(5)], prefixes[below(3)]);
+  if (!route.switched && below(4) == 0) route.table = 10;
+  if (!isNew) return deleted(route);
+  route.metric = below(2);
+  if (below(2) == 0 && !route.switched)
+    route.nextHopId = 1 + below(6);
+  else
+    for (U32 i = below(3); i > 0; --i)
+      route.hops.push_back(hop());
+  return route;
+}
+
+// Catches a path that is not told anew when what it is made of changes, in any order of
+// objects, groups and routes, and a stale path that is left or lost between two streams.
+TEST(FpmRouteState, followsAPlainModel) {
+  for (U32 seed = 1; seed <= 60; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::minstd_rand random(seed);
+    Memory sink;
+    for (int stream = 0; stream < 3; ++stream) {
+      sink.mark();
+      RouteState state(sink, {});
+      Model model;
+      bool swept = false;
+      for (int step = 0; step < 150; ++step) {
+        std::vector<Message> messages(1 + random() % 3);
+        for (Message& message : messages) {
+          message = randomMessage(random);
+          model.take(message);
+        }
+        const U64 changes = sink.changes, before = state.changeCount();
+        state.frameIs(messages);
+        if (state.changeCount() == before) {
+          ASSERT_EQ(sink.changes, changes);
+        }
+        if (step == 70) {
+          sink.sweep();
+          state.swept();
+          swept = true;
+        }
+        if (stream == 0 || swept) {
+          ASSERT_EQ(sink.lines(), model.lines()) << step;
+        }
+      }
+    }
+  }
+}
+
+class FpmState : public testing::Test {
+ protected:
+  void tell(const std::vector<Message>& messages) { state->frameIs(messages); }
+  void limit(U64 routes, U64 nextHops, U64 hops) {
+    options.limits = {routes, nextHops, hops};
+    state.emplace(sink, options);
+  }
+  Memory sink;
+  RouteState::Options options;
+  std::optional<RouteState> state{std::in_place, sink, RouteState::Options{}};
+};
+
+// Catches memory that grows with what a daemon sends, and an outdated path that stays because
+// its update was refused.
+TEST_F(FpmState, refusesAndCountsBeyondTheLimits) {
+  limit(2, 3, 4);
+  tell({object(1, {pushing(16)}), object(2, {pushing(17)}), group(3, {1, 2})});
+  tell({object(4, {pushing(18)}), routeVia(4)});
+  EXPECT_EQ(state->events().refusedNextHops, 2u);
+  EXPECT_THAT(sink.lines(), IsEmpty());
+  tell({routeVia(3), switchedPath(20, 187, {pushing(1), pushing(2)})});
+  EXPECT_EQ(sink.paths.size(), 2u);
+  tell({switchedPath(21, 187, {pushing(1)})});
+  EXPECT_EQ(state->events().refusedRoutes, 1u);
+  tell({switchedPath(20, 187, {pushing(1), pushing(2), pushing(3)})});
+  EXPECT_EQ(state->events().refusedHops, 1u);
+  EXPECT_EQ(sink.paths.size(), 1u) << "the old hops are no longer true";
+  EXPECT_THAT(state->summary(), HasSubstr("isis 1 beyond the limits"));
+  // Room that is given back is room again.
+  tell({deleted(switchedPath(20, 0, {}))});
+  tell({deleted(group(3, {}))});
+  tell({routeVia(2), switchedPath(21, 187, {pushing(1), pushing(2)})});
+  EXPECT_EQ(sink.paths.size(), 2u);
+}
+
+// Catches a path that cannot be a tunnel and stops the stream, or is published in part.
+TEST_F(FpmState, saysWhyARouteIsNoTunnel) {
+  Hop deep = pushing(16);
+  deep.labels.count = 17;
+  Hop other{gateway, 1, {}, 5};
+  options.onRefused = [&](const std::string& text) {
+    EXPECT_THAT(text, HasSubstr("room"));
+  };
+  sink.refuses = "static-label-30";
+  limit(100, 100, 10000);
+  const auto ipv6 = [](U8 protocol) { return routeVia(1, protocol, "2001:db8::/32"); };
+  tell({object(1, {pushing(16)}), object(2, {other}), object(3, {deep})});
+  tell({ipv6(193), routeVia(2), routeVia(3, 196, "10.2.0.0/16"),
+        routeVia(1, 186, "10.3.0.0/16"), routeVia(9, 187, "10.4.0.0/16"),
+        switchedPath(29, 187, std::vector<Hop>(257, pushing(1))),
+        switchedPath(28, 187, std::vector<Hop>(256, pushing(1))),
+        switchedPath(30, 196, {pushing(1)})});
+  EXPECT_THAT(state->summary(),
+              HasSubstr("1 tunnels (isis 1); no tunnels: bgp 1 of no kind of tunnel, "
+                        "isis 1 without labels, isis 1 without next hops, "
+                        "isis 1 with too many next hops, "
+                        "ldp 1 for which the kind has no IPv6, "
+                        "static 1 with too many labels, static 1 refused"));
+  tell({ipv6(187)});
+  EXPECT_TRUE(sink.paths.contains({7, "isis-2001:db8::/32"}));
+}
+
+// Catches an interface that stands for another one.
+TEST_F(FpmState, namesInterfaces) {
+  options.interfaces[7] = Vantor::IntfId("Ethernet3");
+  limit(9, 9, 9);
+  std::vector<Hop> hops(4, pushing(16));
+  hops[0].interface = 0, hops[1].interface = 7, hops[2].interface = 99999;
+  hops[3].interface = 100000;
+  tell({switchedPath(20, 187, hops)});
+  EXPECT_THAT(sink.lines()[0],
+              testing::EndsWith("| 10.0.0.2  swap[16] | 10.0.0.2 if99999 swap[16] | "
+                                "10.0.0.2 Ethernet3 swap[16] | "
+                                "10.0.0.2 Generic63.100000.0 swap[16]"));
+}
+
+}  // namespace
+}  // namespace FpmTest
