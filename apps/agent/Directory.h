@@ -47,8 +47,8 @@ Hops hopsOf(const Tunnel::TunnelTable::NexthopTunnelTable& table,
 //            for (const TableRef& table : directory.tables()) ...
 // Monitor:   the host's loop runs the client; onChange tells of tables that come and go.
 //
-// Owner    mounts paths of the client and unmounts them at its end; a path that the client
-//          has mounted already is shared and stays. The client outlives the directory.
+// Owner    mounts the paths of Places.h for reading and unmounts them at its end; the client
+//          has none of them mounted itself and outlives the directory.
 // Threads  that of the client.
 class TableDirectory {
  public:
@@ -58,14 +58,14 @@ class TableDirectory {
   TableDirectory& operator=(const TableDirectory&) = delete;
 
   // Whether the directories, and what follow() asked for, have arrived, were refused or do
-  // not exist. Also true for a moment at a time when the server is lost.
+  // not exist.
   bool settled() const;
   // Runs the client until settled(). False when the time is over or the server is lost.
   bool wait(Hivel::milliseconds timeout);
   // Paths that could not be read, each with the reason.
   std::vector<std::pair<std::string, std::string>> refusals() const;
 
-  std::vector<std::string> agents() const;  // natural order of text
+  std::vector<std::string> agents() const;  // in order
   std::vector<TableRef> tables() const;     // by agent, then table name
   // A table came, went or changed; called from the client's process().
   std::function<void()> onChange;
@@ -74,8 +74,10 @@ class TableDirectory {
   // Errors   Kop::RangeException for a table without rows; Quarn::TableException.
   std::unique_ptr<TableReader> open(const TableRef& table) const;
 
-  // Begins to read the next hops, names and convergence of an agent. Until then, and until
-  // they have arrived, the functions below give null.
+  // Begins to read the next hops, names and convergence of an agent; nothing when it did
+  // before. Until they have arrived, the functions below give null. What was there stays
+  // while the server is lost.
+  // Errors   Kop::RangeException for a name that no agent can have.
   void follow(std::string_view agent);
   Kop::Ptr<Tunnel::TunnelTable::NexthopTunnelTable> nextHops(
       std::string_view agent) const;
@@ -95,8 +97,8 @@ class TableDirectory {
 // endpoint, best first in the order of entries. Rows without an endpoint, or whose
 // identifier has another type than their table, are left out.
 //
-// Cost     24 bytes per row and a map of endpoints; rows themselves are read when asked for.
-//          update() costs what changed; a reader that was too slow walks its table again.
+// Cost     some 150 bytes per row; rows themselves are read when asked for. update() costs
+//          what changed; a reader that was too slow walks its table again.
 // Threads  that of the directory, which outlives it.
 class RibView {
  public:
@@ -106,7 +108,8 @@ class RibView {
   RibView& operator=(const RibView&) = delete;
 
   // Looks at what has changed since the last call: tables that came or went, rows. Gives the
-  // endpoints whose rows, or whose rows' contents, changed; each once, in order.
+  // endpoints of rows that came, went or changed; each once, in order. Of a table that had
+  // to be walked again, those of all rows.
   std::vector<Vantor::IpGenPrefix> update();
   // Tables that could not be read in the last update(), and why. They are tried again.
   const std::vector<std::pair<TableRef, std::string>>& faults() const;
@@ -119,7 +122,7 @@ class RibView {
   U64 rowCount() const;
   std::vector<Vantor::IpGenPrefix> endpoints() const;  // in order
   // Best first. A row that has changed since update() is given as it is now, in the place
-  // that it had; one that has gone is left out.
+  // that it had; one that has gone, leads elsewhere or changes too fast is left out.
   std::vector<Row> rows(const Vantor::IpGenPrefix& endpoint) const;
 
  private:

@@ -38,6 +38,7 @@ std::string nexthopTableName(std::string_view agent) {
   return "nexthopTunnelTable-" + std::string(agent);
 }
 std::string nexthopTablePath(std::string_view agent) {
+  pathOf("tunnel/table", agent);  // an empty name would do no harm in the path itself
   return tablePath(nexthopTableName(agent));
 }
 std::string tunnelNamePath(std::string_view agent) {
