@@ -76,6 +76,16 @@ constexpr TypeRow decapRows[] = {
 constexpr TypeRow mplsRows[] = {
     {0, "Tunnel::MplsTunnelConfig", "entity", "258 a entropyLabelPush"},
 };
+constexpr TypeRow staticRows[] = {
+    {0, "Tunnel::Static::StaticTunnelConfigEntry", "value",
+     "2 a name, 3 a tep, 4 s via, 5 a backupVia, 6 a inStaticTunnelMode"  },
+    {1, "Tunnel::Static::Config",                  "entity", "258 s entry"},
+};
+constexpr TypeRow groupRows[] = {
+    {0, "Tunnel::NexthopGroup::NexthopGroupTunnelConfigEntry", "value",
+     "2 a tep, 3 a nhgName, 4 a igpPref, 5 a igpMetric"                               },
+    {1, "Tunnel::NexthopGroup::ConfigInput",                   "entity", "258 s entry"},
+};
 constexpr TypeRow intfRows[] = {
     {0, "Vantor::DynamicTunnelIntfId", "value",
      "2 a intfId, 3 c dynamicTunnelIntfIdType, 4 f isDynamicTunnelIntfId, 5 f tunnelId, "
@@ -190,12 +200,14 @@ struct ModuleRow {
   std::span<const TypeRow> types;
 };
 const ModuleRow moduleRows[] = {
-    {"DecapGroupHivelTypes",      decapRows    },
-    {"MplsTunnelConfig",          mplsRows     },
-    {"TunnelBasicTypes",          basicRows    },
-    {"TunnelIntfId",              intfRows     },
-    {"MldpTunnelHivelTypes",      mldpRows     },
-    {"MulticastTunnelTableEntry", multicastRows},
+    {"StaticTunnelConfig",            staticRows   },
+    {"NexthopGroupTunnelConfigInput", groupRows    },
+    {"DecapGroupHivelTypes",          decapRows    },
+    {"MplsTunnelConfig",              mplsRows     },
+    {"TunnelBasicTypes",              basicRows    },
+    {"TunnelIntfId",                  intfRows     },
+    {"MldpTunnelHivelTypes",          mldpRows     },
+    {"MulticastTunnelTableEntry",     multicastRows},
 };
 
 // Catches a type or a member whose number moved: peers and stored data go by the numbers.
@@ -381,7 +393,8 @@ TEST(Reflection, unhashableNamesTheType) {
   for (const char* name :
        {"Tunnel::TunnelTable::TunnelIdConstants", "Tunnel::TunnelTable::EncapIdConstants",
         "Tunnel::TunnelEntrySequenceNumber", "Tunnel::Decap::DecapIntf",
-        "Tunnel::Decap::DecapExcludeIntfSet"}) {
+        "Tunnel::Decap::DecapExcludeIntfSet", "Tunnel::Static::StaticTunnelConfigEntry",
+        "Tunnel::NexthopGroup::NexthopGroupTunnelConfigEntry"}) {
     const Kop::GenericValue value(Kop::findType(name)->value->ops);
     try {
       value.type()->hash(value.get());

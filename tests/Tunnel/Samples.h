@@ -5,6 +5,8 @@
 
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "Tunnel/MldpTunnelHivelTypes.h"
+#include "Tunnel/NexthopGroupTunnelConfigInput.h"
+#include "Tunnel/StaticTunnelConfig.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
 
@@ -29,6 +31,13 @@ template <class K>
 void fill(Random& random, Kop::HSet<K>& set) {
   for (U32 left = random() % 4; left > 0; --left)
     set.is(sample<K>(random));
+}
+template <class K, class V>
+void fill(Random& random, Kop::RbTreeMap<K, V>& map) {
+  for (U32 left = random() % 4; left > 0; --left) {
+    const auto key = sample<K>(random);
+    if (!map.has(key)) map.insert(key, sample<V>(random));
+  }
 }
 template <class N, class K>
 void fill(Random& random, Kop::HashMap2018<N, K>& map) {
