@@ -1,0 +1,60 @@
+#include <algorithm>
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "apps/agent/IndexPool.h"
+
+namespace {
+
+using Agent::IndexPool;
+
+// A summary bit that is left behind: a free number that is not found, or a taken one that is.
+TEST(IndexPool, agreesWithASet) {
+  constexpr U32 seed = 20261121;
+  SCOPED_TRACE(seed);
+  std::minstd_rand random(seed);
+  IndexPool pool;
+  std::set<U32> gaps;  // free numbers below `end`
+  U32 end = 1;
+  // Filled beyond a word of the second level, then thinned out and mixed.
+  for (U32 step = 0; step < 30'000; ++step) {
+    const U32 from = step % 7 == 0 ? 1 + static_cast<U32>(random()) % end : 1;
+    const auto gap = gaps.lower_bound(from);
+    const U32 free = pool.nextFree(from);
+    ASSERT_EQ(free, gap == gaps.end() ? end : *gap) << step;
+    if (step < 9'000 || random() % 2 == 0) {
+      ASSERT_TRUE(pool.take(free));
+      ASSERT_FALSE(pool.take(free));
+      gaps.erase(free);
+      end = std::max(end, free + 1);
+    } else if (const U32 number = 1 + static_cast<U32>(random()) % end;
+               pool.has(number)) {
+      ASSERT_FALSE(gaps.contains(number));
+      pool.free(number);
+      ASSERT_FALSE(pool.has(number));
+      gaps.insert(number);
+    }
+    ASSERT_EQ(pool.count(), end - 1 - gaps.size());
+    ASSERT_EQ(pool.end(), end);
+  }
+}
+
+// Numbers at the ends, and the last of all.
+TEST(IndexPool, endsAtItsLimit) {
+  IndexPool pool;
+  EXPECT_FALSE(pool.take(0));
+  EXPECT_FALSE(pool.take(IndexPool::limit));
+  EXPECT_TRUE(pool.take(IndexPool::limit - 1));
+  EXPECT_EQ(pool.nextFree(IndexPool::limit - 1), 0u);
+  EXPECT_EQ(pool.nextFree(IndexPool::limit), 0u);
+  EXPECT_EQ(pool.nextFree(), 1u);
+  for (U32 number = 1; number < IndexPool::limit - 1; ++number)
+    ASSERT_TRUE(pool.take(number));
+  EXPECT_EQ(pool.nextFree(), 0u);
+  pool.free(77'777);
+  EXPECT_EQ(pool.nextFree(), 77'777u);
+}
+
+}  // namespace
