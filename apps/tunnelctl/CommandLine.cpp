@@ -28,11 +28,15 @@ struct Arguments {
   std::string type, text, json;
   RecordOptions record;
   std::string hex;
+  TableOptions table;
+  U64 limit = 0;
   ApplyOptions apply;
   MonitorOptions monitor;
   std::string prefix;
   U64 count = 0;
   double seconds = 0;
+  double interval = 50;  // milliseconds
+  bool isRib = false;
 };
 
 std::chrono::milliseconds milliseconds(double seconds) {
@@ -80,6 +84,7 @@ class Command {
     addIdentifiers();
     addTypes();
     addRecord();
+    addTables();
     addState();
   }
 
@@ -188,7 +193,10 @@ class Command {
   void addRecord() {
     auto* const record =
         app_.add_subcommand("record", "Take binary records of tables apart");
-    record->add_option("TYPE", a_.record.type, "TunnelTableEntry, MplsCosVia, ...")
+    record
+        ->add_option("TYPE", a_.record.type,
+                     "TunnelTableEntry, MplsCosVia, MulticastTunnelTableEntry, "
+                     "DynamicMplsLabelStack or MulticastTreeId")
         ->required();
     auto* const file =
         record->add_option("FILE", a_.record.file, "bytes; - for standard input");
@@ -201,6 +209,36 @@ class Command {
         throw UsageError("record: expected FILE or --hex TEXT");
       return Tunnelctl::record(context, a_.record);
     });
+  }
+
+  void addTables() {
+    auto* const table = app_.add_subcommand(
+        "table", "List tunnel tables, or show the rows of one, best first");
+    table->add_option("NAME", a_.table.name,
+                      "a table, its path or the type of its tunnels");
+    table->add_option("--endpoint", a_.table.endpoint,
+                      "only rows that end in this prefix, or at this address");
+    table->add_option("--name", a_.table.glob, "only rows whose name matches: * ? [..]");
+    auto* const limit = table->add_option("--limit", a_.limit, "only so many rows");
+    table->add_flag("--verify", a_.table.verify,
+                    "check the memory of the table, or of all, and its rows; tell every "
+                    "fault; status 1 if there is any");
+    does(table, [this, limit](const Context& context) {
+      if (limit->count()) a_.table.limit = a_.limit;
+      return Tunnelctl::table(context, a_.table);
+    });
+
+    auto* const rib = app_.add_subcommand(
+        "rib", "Tables that contribute to the tunnel RIB, the best tunnel per endpoint");
+    rib->add_option("PREFIX", a_.prefix, "only this endpoint; -d shows all candidates");
+    does(rib,
+         [this](const Context& context) { return Tunnelctl::rib(context, a_.prefix); });
+
+    auto* const names = app_.add_subcommand("names", "Names of tunnels");
+    names->add_option("NAME", a_.prefix,
+                      "a name, a glob of names, or an identifier as `id` takes it");
+    does(names,
+         [this](const Context& context) { return Tunnelctl::names(context, a_.prefix); });
   }
 
   void addState() {
@@ -219,7 +257,13 @@ class Command {
          [this](const Context& context) { return Tunnelctl::show(context, a_.prefix); });
 
     auto* const monitor = app_.add_subcommand("monitor", "Follow changes as they come");
-    monitor->add_option("PATH", a_.monitor.prefix, "this path and all below it");
+    monitor->add_option("PATH", a_.monitor.prefix,
+                        "this path and all below it; with --rib a prefix of endpoints");
+    monitor->add_flag("--rib", a_.isRib, "the best tunnel of each endpoint instead");
+    monitor
+        ->add_option("--interval", a_.interval,
+                     "milliseconds between two looks at the rows of tables")
+        ->check(CLI::Range(1.0, 3.6e6));
     auto* const count =
         monitor->add_option("--count", a_.count, "end after so many changes");
     auto* const seconds =
@@ -231,7 +275,11 @@ class Command {
     does(monitor, [this, count, seconds](const Context& context) {
       if (count->count()) a_.monitor.count = a_.count;
       if (seconds->count()) a_.monitor.limit = milliseconds(a_.seconds);
-      return Tunnelctl::monitor(context, a_.monitor);
+      a_.monitor.interval = milliseconds(a_.interval / 1000);
+      if (a_.isRib && !a_.monitor.stateFile.empty())
+        throw UsageError("--state: --rib holds no state of paths");
+      return a_.isRib ? monitorRib(context, a_.monitor)
+                      : Tunnelctl::monitor(context, a_.monitor);
     });
 
     auto* const status =

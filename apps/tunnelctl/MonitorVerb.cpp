@@ -1,83 +1,37 @@
 #include <algorithm>
-#include <csignal>
-#include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <set>
 
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include "Kop/Exception.h"
+#include "apps/tunnelctl/Events.h"
 #include "apps/tunnelctl/Monitor.h"
-#include "apps/tunnelctl/Session.h"
-#include "apps/tunnelctl/Verbs.h"
+#include "apps/tunnelctl/RowWatch.h"
+#include "apps/tunnelctl/Tables.h"
 
 namespace Tunnelctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Mount = Hivel::Mount;
+using Tunnel::TunnelTable::TunnelId;
+using Tunnel::TunnelTable::TunnelTableEntry;
 
-// Local time of day for people, UTC for programs.
-std::string timestamp(bool isJson) {
-  const auto now = std::chrono::system_clock::now();
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-  std::tm parts{};
-  if (isJson)
-    gmtime_r(&seconds, &parts);
-  else
-    localtime_r(&seconds, &parts);
-  char text[40];
-  const std::size_t size =
-      std::strftime(text, sizeof text, isJson ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &parts);
-  const auto fraction =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()) %
-      std::chrono::seconds(1);
-  char rest[8];
-  std::snprintf(rest, sizeof rest, ".%03d", static_cast<int>(fraction.count()));
-  return std::string(text, size) + rest + (isJson ? "Z" : "");
-}
-
-// Takes the signals that ask a process to end, as long as it stands: they then make fd()
-// readable.
-class StopSignals {
- public:
-  StopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, &before_);
-    fd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd_ < 0) throw Failure("signalfd failed");
-  }
-  ~StopSignals() {
-    signalfd_siginfo taken;
-    while (read(fd_, &taken, sizeof taken) > 0) {
-    }
-    close(fd_);
-    sigprocmask(SIG_SETMASK, &before_, nullptr);
-  }
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-  int fd() const { return fd_; }
-
- private:
-  sigset_t before_{};
-  int fd_ = -1;
-};
+constexpr std::string_view tableType = "Tunnel::TunnelTable::TunnelTableBase";
 
 // Mounts every path below a prefix and tells what becomes of it: first what is there, then a
-// mark, then each change.
+// mark, then each change. Of a table the rows are told with it, those of shared memory by
+// looking again and again.
 class Monitor {
  public:
   Monitor(const Context& context, const MonitorOptions& options)
-      : context_(context), options_(options), session_(context) {}
+      : context_(context),
+        options_(options),
+        log_(context),
+        end_(options),
+        session_(context) {}
 
   int run() {
     const std::string prefix = readPrefix(options_.prefix);
@@ -93,15 +47,19 @@ class Monitor {
                                        const std::string& reason) {
       connectionChanged(state, reason);
     };
-    const auto begin = Clock::now();
-    while (!isOver(begin)) {
+    while (!isOver()) {
       while (session_.client().wants())
         session_.client().process();
-      markWhenSettled(Clock::now() - begin > context_.timeout);
+      if (tables_)
+        while (tables_->session().client().wants())
+          tables_->session().client().process();
+      markWhenSettled(end_.elapsed() > context_.timeout);
+      pollRows();
       context_.out.flush();
-      if (isOver(begin)) break;
-      if (!waitUntil(begin)) break;
+      if (isOver()) break;
+      if (!wait()) break;
       session_.client().process();
+      if (tables_) tables_->session().client().process();
     }
     if (!options_.stateFile.empty()) writeState();
     context_.out.flush();
@@ -114,45 +72,37 @@ class Monitor {
     ChangeSink sink;
     std::unique_ptr<EntityWatch> watch;
     bool toldOfEntity = false;
+    std::unique_ptr<RowWatch> rows;  // of a table in shared memory
+    std::string rowsFault;           // why they cannot be read, as it was told
   };
 
-  bool isOver(Clock::time_point begin) const {
-    if (options_.count && marked_ && changes_ >= *options_.count) return true;
-    return options_.limit && Clock::now() - begin >= *options_.limit;
-  }
+  bool isOver() const { return end_.isOver(log_, marked_); }
 
-  // Until the client or the stop descriptor is readable. False when asked to stop.
-  bool waitUntil(Clock::time_point begin) {
-    pollfd fds[2] = {
-        {session_.client().fd(), POLLIN, 0},
-        {stop_.fd(),             POLLIN, 0}
-    };
-    int timeout = marked_ ? -1 : 100;
-    if (options_.limit) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-          *options_.limit - (Clock::now() - begin));
-      const int milliseconds =
-          static_cast<int>(std::clamp<long>(left.count(), 0, 3600 * 1000));
-      timeout = timeout < 0 ? milliseconds : std::min(timeout, milliseconds);
-    }
-    poll(fds, 2, timeout);  // an interrupted wait is a wait that ended early
-    return (fds[1].revents & POLLIN) == 0;
+  bool wait() {
+    std::optional<std::chrono::milliseconds> limit;
+    if (!marked_) limit = std::chrono::milliseconds(100);
+    for (const auto& [path, followed] : followed_)
+      if (followed.rows) limit = options_.interval;
+    std::vector<int> fds{session_.client().fd()};
+    if (tables_) fds.push_back(tables_->session().client().fd());
+    return end_.wait(fds, limit);
   }
 
   void follow(const Hivel::PathInfo& info) {
     if (followed_.contains(info.path)) return;
     Followed& followed = followed_[info.path];
     followed.sink = [this, path = info.path](const Change& change) {
-      tell(path, change);
+      log_.change(path, change);
     };
     Hivel::MountOptions options;
     if (Kop::findType(info.type)) {
       options.type = info.type;
     } else {
-      note(info.path, "skipped",
-           "type " + info.type + " is not known here; --types loads it");
+      log_.note(info.path, "skipped",
+                "type " + info.type + " is not known here; --types loads it");
       return;
     }
+    if (info.type == tableType) followed.rows = std::make_unique<RowWatch>();
     followed.mount = &session_.client().mount(info.path, Hivel::Mode::read, options);
     followed.mount->onState = [this](Mount& mount) { mountChanged(mount); };
     mountChanged(*followed.mount);
@@ -162,11 +112,12 @@ class Monitor {
     const auto found = followed_.find(path);
     if (found == followed_.end()) return;
     const bool wasTold = found->second.toldOfEntity;
+    if (found->second.rows && marked_) found->second.rows->leave(rowSink(path));
     if (found->second.mount) session_.client().unmount(path);
     followed_.erase(found);
     if (wasTold && marked_) {
-      note(path, "removed", "");
-      ++changes_;
+      log_.note(path, "removed", "");
+      log_.countChange();
     }
   }
 
@@ -175,16 +126,17 @@ class Monitor {
     if (found == followed_.end() || found->second.mount != &mount) return;
     Followed& followed = found->second;
     if (mount.state() == Mount::State::refused) {
-      note(mount.path(), "refused", mount.reason());
+      log_.note(mount.path(), "refused", mount.reason());
       return;
     }
     if (mount.state() != Mount::State::live || !marked_) return;
     if (followed.watch && followed.watch->entity() == mount.entity()) return;
     followed.watch.reset();
-    note(mount.path(), followed.toldOfEntity ? "replaced" : "appeared",
-         std::string(typeOf(*mount.entity()).name));
-    ++changes_;
+    log_.note(mount.path(), followed.toldOfEntity ? "replaced" : "appeared",
+              std::string(typeOf(*mount.entity()).name));
+    log_.countChange();
     watch(followed, true);
+    if (followed.rows) followed.rows->detach();  // perhaps another table by now
   }
 
   void watch(Followed& followed, bool tellContents) {
@@ -205,20 +157,18 @@ class Monitor {
       if (!followed.mount || followed.mount->state() != Mount::State::live) continue;
       Kop::Entity& entity = *followed.mount->entity();
       if (context_.style.json) {
-        Json event = eventOf(path, "snapshot");
+        Json event = EventLog::eventOf(path, "snapshot");
         event.add("state", stateOf(path, entity));
-        print(event);
+        log_.print(event);
       } else {
         printState(context_.out, context_.style, path, entity);
       }
       watch(followed, false);
+      if (!followed.rows) continue;
+      openRows(path, followed, [](auto&&...) {});
+      printRows(path, *followed.rows);
     }
-    if (context_.style.json)
-      print(eventOf("", "mark"));
-    else
-      context_.out << context_.style.paint(Style::faint, "-- " + timestamp(false) +
-                                                             "  changes from here on")
-                   << '\n';
+    log_.mark();
   }
 
   std::vector<std::string> sortedPaths() const {
@@ -229,61 +179,122 @@ class Monitor {
     return paths;
   }
 
-  void tell(const std::string& path, const Change& change) {
-    ++changes_;
-    if (context_.style.json) {
-      Json event = eventOf(path, "change");
-      Json members = changeJson(change);
-      for (std::size_t i = 0; i < members.items.size(); ++i)
-        event.add(std::move(members.names[i]), std::move(members.items[i]));
-      print(event);
-      return;
+  // ---- rows of tables in shared memory ----
+
+  // False when the table cannot be read: told once per reason, and tried again.
+  bool guardRows(const std::string& path,
+                 Followed& followed,
+                 const std::function<void()>& action) {
+    try {
+      action();
+      followed.rowsFault.clear();
+      return true;
+    } catch (const Kop::Exception& error) {
+      followed.rows->detach();
+      if (followed.rowsFault != error.what()) {
+        followed.rowsFault = error.what();
+        log_.note(path, "unreadable", followed.rowsFault);
+      }
+      return false;
     }
-    context_.out << timestamp(false) << "  " << path << "  "
-                 << changeLine(context_.style, change) << '\n';
   }
 
-  // Something about a path as a whole.
-  void note(const std::string& path, const char* what, const std::string& detail) {
-    if (context_.style.json) {
-      Json event = eventOf(path, what);
-      if (!detail.empty()) event.add("detail", Json::string(detail));
-      print(event);
-      return;
-    }
-    context_.out << timestamp(false) << "  " << path << "  "
-                 << context_.style.paint(Style::heading, what)
-                 << (detail.empty() ? "" : "  " + detail) << '\n';
+  bool openRows(const std::string& path, Followed& followed, const RowWatch::Sink& sink) {
+    return guardRows(path, followed, [&] {
+      followed.rows->attach(
+          std::make_unique<Agent::TableReader>(Agent::shmName(context_.socketPath, path)),
+          sink);
+    });
   }
+
+  void printRows(const std::string& path, const RowWatch& watch) {
+    RowSet rows;
+    watch.forEach([&](U64 key, const TunnelTableEntry& row) { rows.add(key, row); });
+    rows.sort(rows.count());
+    Columns columns;
+    if (!context_.style.brief && rows.count() > 0)
+      columns.row(rowHeading(context_.style));
+    for (std::size_t i = 0; i < rows.count(); ++i) {
+      const TunnelTableEntry row = rows.row(i);
+      const RowHops hops = hopsOf(path, row);
+      if (context_.style.json) {
+        Json event = EventLog::eventOf(path, "row");
+        event.add("key", Json::number(rows.key(i)));
+        event.add("row", rowJson(row, hops));
+        log_.print(event);
+        continue;
+      }
+      columns.row(rowCells(context_.style, row, hops));
+      if (context_.style.detail)
+        for (const std::string& line : rowDetails(row, hops))
+          columns.line("  " + line);
+    }
+    columns.print(context_.out, context_.style, !context_.style.brief, 2);
+  }
+
+  RowWatch::Sink rowSink(const std::string& path) {
+    return [this, path](U64 key, const TunnelTableEntry* before,
+                        const TunnelTableEntry* after) {
+      const TunnelTableEntry& row = after ? *after : *before;
+      // What a table calls a row is its key; the row may say another.
+      const std::string name =
+          key == row.tunnelId().value() ? idText(row.tunnelId()) : std::to_string(key);
+      log_.change(path, {"row", name, Json::number(key), before, after,
+                         after ? hopsOf(path, *after) : RowHops()});
+    };
+  }
+
+  void pollRows() {
+    if (!marked_) return;
+    for (auto& [path, followed] : followed_) {
+      if (!followed.rows || !followed.watch) continue;
+      const RowWatch::Sink sink = rowSink(path);
+      const bool isGone = followed.rows->isRemoved();
+      if (isGone || !followed.rows->isAttached()) {
+        if (!openRows(path, followed, sink) && isGone) followed.rows->leave(sink);
+        continue;
+      }
+      guardRows(path, followed, [&] {
+        if (!followed.rows->poll(sink))
+          log_.note(path, "overrun",
+                    "more has changed than the table remembers: all rows were compared");
+      });
+    }
+  }
+
+  // Next hops are only asked for when they are shown. They come over a connection of their
+  // own, as both connections mount the tables of next hops.
+  RowHops hopsOf(const std::string& path, const TunnelTableEntry& row) {
+    if (!context_.style.detail) return {!row.nexthopTunnelId().isValid(), {}};
+    if (!tables_) {
+      tables_ = std::make_unique<Tables>(context_);
+      tables_->followAll();
+    }
+    std::string& agent = agents_[path];
+    if (agent.empty())
+      for (const Agent::TableRef& table : tables_->directory().tables())
+        if (std::string_view(table.info.mountPath()) == path) {
+          agent = table.agent;
+          tables_->directory().follow(agent);
+          tables_->settle();
+        }
+    return tables_->hopsSoon(agent, row);
+  }
+
+  // ---- what is told ----
 
   void connectionChanged(Hivel::Client::State state, const std::string& reason) {
     using State = Hivel::Client::State;
     const bool isUp = state == State::connected;
     if (state == State::connecting || isUp == isUp_) return;
     isUp_ = isUp;
-    if (context_.style.json) {
-      Json event = eventOf("", isUp ? "connected" : "lost");
-      if (!isUp) event.add("detail", Json::string(reason));
-      print(event);
-      return;
-    }
-    context_.out << context_.style.paint(
-                        Style::faint,
-                        "-- " + timestamp(false) +
-                            (isUp ? "  connected again"
-                                  : "  connection lost: " + reason + "; trying again"))
-                 << '\n';
+    if (context_.style.json)
+      log_.note("", isUp ? "connected" : "lost", isUp ? "" : reason);
+    else
+      log_.note(
+          "", "",
+          isUp ? "connected again" : "connection lost: " + reason + "; trying again");
   }
-
-  static Json eventOf(const std::string& path, const char* what) {
-    Json event = Json::object();
-    event.add("time", Json::string(timestamp(true)));
-    event.add("event", Json::string(what));
-    if (!path.empty()) event.add("path", Json::string(path));
-    return event;
-  }
-  // One event is one line, whatever the style says of JSON's looks.
-  void print(const Json& event) { context_.out << writeJson(event, false) << '\n'; }
 
   // What is held now, as `show -j /` prints it.
   void writeState() const {
@@ -300,12 +311,14 @@ class Monitor {
 
   const Context& context_;
   const MonitorOptions& options_;
-  StopSignals stop_;
+  EventLog log_;
+  MonitorEnd end_;
   Session session_;
+  std::unique_ptr<Tables> tables_;             // when next hops are shown
+  std::map<std::string, std::string> agents_;  // of tables, by path
   std::map<std::string, Followed> followed_;
   bool marked_ = false;
   bool isUp_ = true;
-  U64 changes_ = 0;
 };
 
 }  // namespace

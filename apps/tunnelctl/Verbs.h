@@ -44,6 +44,20 @@ struct RecordOptions {
 };
 int record(const Context& context, const RecordOptions& options);
 
+struct TableOptions {
+  std::string name;  // of a table; empty: which tables there are
+  std::string endpoint;
+  std::string glob;  // of names of tunnels
+  std::optional<U64> limit;
+  bool verify = false;
+};
+int table(const Context& context, const TableOptions& options);
+
+int rib(const Context& context, const std::string& prefix);  // empty: all endpoints
+
+// All names, or those of one tunnel: its identifier, or a glob of names.
+int names(const Context& context, const std::string& wanted);
+
 struct ApplyOptions {
   std::string file;
   bool check = false;  // compare only; exit status 1 when something differs
@@ -56,9 +70,14 @@ struct MonitorOptions {
   std::string prefix;
   std::optional<U64> count;                        // changes
   std::optional<std::chrono::milliseconds> limit;  // of time
-  std::string stateFile;  // where to write what is held at the end
+  std::string stateFile;                   // where to write what is held at the end
+  std::chrono::milliseconds interval{50};  // between two looks at a table's rows
 };
+// Of tables with rows in shared memory the rows too.
 int monitor(const Context& context, const MonitorOptions& options);
+
+// The best tunnel of each endpoint instead; the prefix, if there is one, is that of endpoints.
+int monitorRib(const Context& context, const MonitorOptions& options);
 
 int status(const Context& context);
 

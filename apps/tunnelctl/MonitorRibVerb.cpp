@@ -1,0 +1,135 @@
+#include <map>
+#include <ostream>
+
+#include "Kop/Exception.h"
+#include "apps/tunnelctl/Events.h"
+#include "apps/tunnelctl/Tables.h"
+
+namespace Tunnelctl {
+
+namespace {
+
+using Tunnel::TunnelTable::TunnelTableEntry;
+using Vantor::IpGenPrefix;
+
+std::string str(const Kop::String& text) {
+  return {text.data(), text.size()};
+}
+
+// Tells which tunnel is the best one of each endpoint, and what becomes of it.
+class RibMonitor {
+ public:
+  RibMonitor(const Context& context, const MonitorOptions& options)
+      : context_(context),
+        options_(options),
+        log_(context),
+        end_(options),
+        tables_(context),
+        rib_(tables_.directory()) {
+    if (!options.prefix.empty()) within_ = readPrefixArgument("PATH", options.prefix);
+  }
+
+  int run() {
+    if (context_.style.detail) tables_.followAll();
+    update(false);
+    snapshot();
+    log_.mark();
+    Hivel::Client& client = tables_.session().client();
+    while (!end_.isOver(log_, true)) {
+      context_.out.flush();
+      if (!end_.wait({client.fd()}, options_.interval)) break;
+      client.process();
+      while (client.wants())
+        client.process();
+      update(true);
+    }
+    context_.out.flush();
+    return 0;
+  }
+
+ private:
+  void update(bool tells) {
+    for (const IpGenPrefix& endpoint : rib_.update()) {
+      if (within_ && !isInside(endpoint, *within_)) continue;
+      const auto rows = rib_.rows(endpoint);
+      const auto known = best_.find(endpoint);
+      const bool was = known != best_.end();
+      if (rows.empty() && !was) continue;
+      const TunnelTableEntry* const now = rows.empty() ? nullptr : &rows.front().entry;
+      if (was && now && known->second == *now) continue;
+      if (tells)
+        log_.change("rib", {"best", str(endpoint.stringValue()),
+                            Json::string(str(endpoint.stringValue())),
+                            was ? &known->second : nullptr, now,
+                            now ? hops(rows.front()) : RowHops()});
+      if (now)
+        best_.insert_or_assign(endpoint, *now);
+      else
+        best_.erase(known);
+    }
+    tellFaults();
+  }
+
+  RowHops hops(const Agent::RibView::Row& row) {
+    if (!context_.style.detail) return {!row.entry.nexthopTunnelId().isValid(), {}};
+    return tables_.hopsSoon(row.table->agent, row.entry);
+  }
+
+  void snapshot() {
+    Columns columns;
+    for (const auto& [endpoint, unused] : best_) {
+      const auto rows = rib_.rows(endpoint);
+      if (rows.empty()) continue;
+      const TunnelTableEntry& best = rows.front().entry;
+      if (context_.style.json) {
+        Json event = EventLog::eventOf("rib", "row");
+        event.add("key", Json::string(str(endpoint.stringValue())));
+        event.add("row", rowJson(best, hops(rows.front())));
+        log_.print(event);
+        continue;
+      }
+      std::vector<std::string> cells{str(endpoint.stringValue()),
+                                     idText(best.tunnelId())};
+      if (!context_.style.brief)
+        for (const auto& [name, text] : rowFields(best))
+          if (name != "endpoint") cells.push_back(name + " " + text);
+      columns.row(cells);
+      if (context_.style.detail)
+        for (const std::string& line : rowDetails(best, hops(rows.front())))
+          columns.line(line);
+    }
+    columns.print(context_.out, context_.style, false);
+  }
+
+  // Each fault of a table once, until it is another.
+  void tellFaults() {
+    std::map<std::string, std::string> faults;
+    for (const auto& [table, reason] : rib_.faults())
+      faults[str(table.info.mountPath())] = reason;
+    for (const auto& [path, reason] : faults)
+      if (faults_[path] != reason) log_.note(path, "unreadable", reason);
+    faults_ = std::move(faults);
+  }
+
+  const Context& context_;
+  const MonitorOptions& options_;
+  EventLog log_;
+  MonitorEnd end_;
+  Tables tables_;
+  Agent::RibView rib_;
+  std::optional<IpGenPrefix> within_;
+  std::map<IpGenPrefix, TunnelTableEntry> best_;
+  std::map<std::string, std::string> faults_;
+};
+
+}  // namespace
+
+int monitorRib(const Context& context, const MonitorOptions& options) {
+  try {
+    return RibMonitor(context, options).run();
+  } catch (const Kop::Exception& error) {
+    throw Failure(error.what());
+  }
+}
+
+}  // namespace Tunnelctl

@@ -1,0 +1,117 @@
+#include <algorithm>
+#include <limits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "apps/tunnelctl/Rows.h"
+#include "tests/tunnelctl/RandomValues.h"
+
+namespace Tunnelctl {
+namespace {
+
+using namespace Tunnel::TunnelTable;
+using testing::HasSubstr;
+
+// Few values of each field, so that rows often differ in the last ones only.
+TunnelTableEntry randomRow(Random& random, bool sound) {
+  static constexpr TunnelType types[] = {ldpTunnel, srTunnel, staticTunnel,
+                                         isisFlexAlgoTunnel};
+  const U64 odd = (U64{23} + random.below(8)) << TunnelIdConstants::tunnelTypePos;
+  TunnelTableEntry row(sound || random.below(4) > 0
+                           ? TunnelId(TunnelId::convertToTunnelValue(random.oneOf(types),
+                                                                     1 + random.below(3)))
+                           : TunnelId(odd | random.below(3)),
+                       TunnelEntryPref(static_cast<U8>(random.below(2))));
+  row.entryMetricIs(static_cast<U32>(random.below(2)));
+  row.tunnelBwIs(TunnelBandwidth(sound || random.below(4) > 0
+                                     ? static_cast<float>(random.below(2))
+                                     : std::numeric_limits<float>::quiet_NaN()));
+  if (random.coin())
+    row.tepIs(Vantor::IpGenPrefix(
+        Vantor::IpGenAddr::fromIpv4(static_cast<U32>(random.below(2))), 32));
+  row.setName(random.coin() ? "a" : "b");
+  return row;
+}
+
+// Catches an order that is not that of the entries, a limit that gives others than the best,
+// and rows of no kind or without a number for bandwidth that end the process or disappear.
+TEST(RowSet, standsInTheOrderOfEntries) {
+  constexpr U32 seed = 3;
+  Random random(seed);
+  for (int round = 0; round < 200; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round) + " seed " + std::to_string(seed));
+    const bool sound = round % 2 == 0;
+    std::vector<TunnelTableEntry> rows;
+    RowSet set;
+    for (U64 i = random.below(60); i > 0; --i) {
+      rows.push_back(randomRow(random, sound));
+      set.add(i, rows.back());
+    }
+    const std::size_t limit = random.below(rows.size() + 1);
+    RowSet best = set;
+    best.sort(limit);
+    set.sort(set.count());
+    for (std::size_t i = 0; i < limit; ++i)
+      EXPECT_EQ(best.key(i), set.key(i));
+    std::vector<U64> keys;
+    for (std::size_t i = 0; i < set.count(); ++i)
+      keys.push_back(set.key(i));
+    if (sound) {
+      std::sort(rows.begin(), rows.end());
+      for (std::size_t i = 0; i < rows.size(); ++i)
+        EXPECT_TRUE(set.row(i) == rows[i]) << i;
+    }
+    std::sort(keys.begin(), keys.end());
+    EXPECT_EQ(std::unique(keys.begin(), keys.end()) - keys.begin(),
+              static_cast<std::ptrdiff_t>(rows.size()));
+  }
+}
+
+// Catches endpoints that are compared by their text or beyond the prefix's bits.
+TEST(Rows, endpointsLieInPrefixes) {
+  const struct {
+    const char* endpoint;
+    const char* within;
+    bool lies;
+  } rows[] = {
+      {"10.0.0.1/32",     "10.0.0.1",      true },
+      {"10.0.0.1/32",     "10.0.0.2",      false},
+      {"10.1.127.0/24",   "10.1.0.0/17",   true },
+      {"10.1.128.0/24",   "10.1.0.0/17",   false},
+      {"10.1.0.0/16",     "10.1.0.0/17",   false},
+      {"10.1.0.0/17",     "10.1.99.0/17",  true },
+      {"10.0.0.1/32",     "0.0.0.0/0",     true },
+      {"10.0.0.1/32",     "::/0",          false},
+      {"2001:db8::1/128", "2001:db8::/32", true },
+      {"2001:db8::1/128", "2001:db9::/32", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.endpoint) + " in " + row.within);
+    EXPECT_EQ(isInside(Vantor::IpGenPrefix(Kop::String(row.endpoint)),
+                       readPrefixArgument("--endpoint", row.within)),
+              row.lies);
+  }
+  for (const char* text : {"", "10.0.0.0/33", "10.0.0", "frob"})
+    EXPECT_THROW(readPrefixArgument("--endpoint", text), UsageError) << text;
+}
+
+// Catches a fault of a row that is not told.
+TEST(Rows, faultsAreTold) {
+  const U64 key = TunnelId::convertToTunnelValue(srTunnel, 5);
+  const TunnelTableEntry good(TunnelId(key), TunnelEntryPref(65));
+  EXPECT_EQ(rowFault(srTunnel, key, good), "");
+  EXPECT_THAT(rowFault(srTunnel, key + 1, good),
+              HasSubstr("but says it is " + std::to_string(key)));
+  EXPECT_THAT(rowFault(ldpTunnel, key, good), HasSubstr("but the table holds ldpTunnel"));
+  const U64 odd = U64{25} << TunnelIdConstants::tunnelTypePos;
+  EXPECT_THAT(
+      rowFault(srTunnel, odd, TunnelTableEntry(TunnelId(odd), TunnelEntryPref(1))),
+      HasSubstr("type 25"));
+  TunnelTableEntry nan = good;
+  nan.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
+  EXPECT_THAT(rowFault(srTunnel, key, nan), HasSubstr("bandwidth that is no number"));
+}
+
+}  // namespace
+}  // namespace Tunnelctl
