@@ -30,10 +30,10 @@ void throwTableSystem(const std::string& table, const char* call, int error) {
 }
 
 void checkTableName(std::string_view name) {
-  constexpr std::size_t maxSize =
+  constexpr std::size_t longest =
       255;  // what a file's name may have, the '/' not counted
   const std::string_view rest = name.substr(std::min<std::size_t>(1, name.size()));
-  if (name.size() < 2 || name.size() > maxSize || name[0] != '/' || rest == "." ||
+  if (name.size() < 2 || name.size() > longest || name[0] != '/' || rest == "." ||
       rest == ".." || rest.find('/') != rest.npos || rest.find('\0') != rest.npos)
     throw Kop::RangeException(Kop::stringPrintf(
         "'%.*s' is not the name of a table: a '/' and 1 to 254 bytes without another",

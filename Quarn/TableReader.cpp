@@ -219,7 +219,7 @@ bool TableReaderCore::changedSince(U64 since, std::vector<U64>& keys, U64& upTo)
   upTo = impl_->changes();
   if (since > upTo || upTo - since > ringCount) return false;
   keys.reserve(upTo - since);
-  for (U64 number = since + 1; number <= upTo; ++number) {
+  for (U64 left = upTo - since, number = since + 1; left > 0; --left, ++number) {
     const void* const at =
         impl_->object.at(ringOffset + number % ringCount * sizeof(RingEntry));
     const U8* const entry = static_cast<const U8*>(at);

@@ -173,8 +173,8 @@ void TableScan::row(U64 place, U64 at, U64 word, const Index& index) {
 
 void TableScan::ring() {
   const U64 changes = impl_.changes();
-  const U64 first = changes > ringCount ? changes - ringCount + 1 : 1;
-  for (U64 number = first; number <= changes; ++number) {
+  const U64 count = std::min(changes, ringCount), first = changes - count + 1;
+  for (U64 number = first; number - first < count; ++number) {
     const U64 at = ringOffset + number % ringCount * sizeof(RingEntry);
     const U64 found = load(impl_.object.at(at));
     // The change under way may already have overwritten the oldest.

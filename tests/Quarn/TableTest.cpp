@@ -1,11 +1,21 @@
-#include <cstdlib>
+#include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Quarn/TableLayout.h"
 #include "TableRecord.h"
 
 using Quarn::RowState;
@@ -109,4 +119,408 @@ TEST(Table, randomOperationsAgreeWithMap) {
       ASSERT_EQ(report.rows, model.size());
     }
   }
+}
+
+namespace {
+
+namespace Layout = Quarn::TableLayout;
+
+std::string messageOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const Kop::Exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// The bytes of a table in a file of memory, to be spoilt.
+class Image {
+ public:
+  explicit Image(const std::string& table) : fd_(::memfd_create("image", MFD_CLOEXEC)) {
+    const int from = ::shm_open(table.c_str(), O_RDONLY, 0);
+    struct stat status {};
+    ::fstat(from, &status);
+    sound_.resize(static_cast<std::size_t>(status.st_size));
+    EXPECT_EQ(::pread(from, sound_.data(), sound_.size(), 0), status.st_size);
+    ::close(from);
+    EXPECT_EQ(::ftruncate(fd_, status.st_size), 0);
+    bytes_ = static_cast<U8*>(
+        ::mmap(nullptr, sound_.size(), PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+    restore();
+  }
+  ~Image() {
+    ::munmap(bytes_, sound_.size());
+    ::close(fd_);
+  }
+  void restore() { std::memcpy(bytes_, sound_.data(), sound_.size()); }
+  U64 size() const { return sound_.size(); }
+  U8* at(U64 offset) { return bytes_ + offset; }
+  U64 word(U64 offset) const { return Layout::load(bytes_ + offset); }
+  int fd() const { return ::dup(fd_); }
+
+ private:
+  int fd_;
+  std::vector<U8> sound_;
+  U8* bytes_;
+};
+
+constexpr U64 imageRows = 200;
+
+void fill(std::string_view name) {
+  TestWriter writer(name);
+  for (U64 key = 0; key < imageRows; ++key)
+    writer.rowIs(key, TestRecord(key, key, static_cast<U32>(key)));
+  for (U64 key = 0; key < imageRows; key += 5)
+    writer.rowIs(key, TestRecord(key, key + 1, 10));
+}
+
+// Reads all there is of a spoilt table: whole rows or an exception. Whether something was said.
+bool survives(Image& image) {
+  bool said = false;
+  try {
+    const TestReader reader(image.fd(), "image");
+    said = !reader.verify().ok();
+    const auto see = [](U64 key, const TestRecord& record) {
+      EXPECT_TRUE(record.isWhole(key));
+    };
+    TestRecord record;
+    std::vector<U64> keys;
+    for (U64 key = 0; key < imageRows; ++key) {
+      try {
+        const RowState state = reader.row(key, record);
+        if (state == RowState::found) see(key, record);
+        EXPECT_NE(state, RowState::busy);
+      } catch (const TableException&) {
+        said = true;
+      }
+    }
+    U64 upTo;
+    reader.changedSince(0, keys, upTo);
+    reader.stats();
+    reader.forEachRow(see);
+  } catch (const TableException&) {
+    said = true;
+  }
+  return said;
+}
+
+}  // namespace
+
+// Catches an offset, a length or a count that is followed: a crash, a hang, a row that never
+// was.
+TEST(TableCorrupt, spoiltImagesAreReportedNeverFollowed) {
+  const TestName name("spoilt");
+  fill(name);
+  Image image(name.text());
+  ASSERT_FALSE(survives(image));
+  const U64 seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937_64 random(seed);
+  int said = 0;
+  constexpr int rounds = 1500;
+  for (int round = 0; round < rounds; ++round) {
+    for (U64 i = 0; i <= random() % 4; ++i) {
+      // Where it hurts: the header, and what the areas begin with.
+      const U64 at = random() % 3 == 0 ? random() % sizeof(Layout::Header)
+                                       : Layout::areasOffset + random() % 60000;
+      const U64 to = std::min(at, image.size() - 8) & ~U64{7};
+      U64 word = image.word(to);
+      switch (random() % 4) {
+        case 0: word ^= U64{1} << random() % 64; break;
+        case 1: word = random(); break;
+        case 2: word = U64{0} - random() % 3; break;
+        default: word = image.word(Layout::areasOffset + random() % 60000 / 8 * 8);
+      }
+      Layout::store(image.at(to), word);
+    }
+    said += survives(image);
+    image.restore();
+  }
+  EXPECT_GT(said, rounds / 4);
+}
+
+// Catches a check that was left out: each of these is one wrong word, and is named.
+TEST(TableCorrupt, eachWrongWordIsNamed) {
+  const TestName name("words");
+  fill(name);
+  Image image(name.text());
+  const Layout::Index index =
+      Layout::unpackedIndex(image.word(offsetof(Layout::Header, index)));
+  U64 first = index.words();
+  while (image.word(first) <= Layout::deletedWord)
+    first += 8;
+  const U64 slot = Layout::slotOf(image.word(first));
+  const U64 nextArea = index.area + index.areaSize();
+  const struct {
+    U64 offset, value;
+    const char* said;
+  } rows[] = {
+      {0,                        0x123456,                             "not a table: its first bytes"                             },
+      {8,                        U64{1} << 32 | 0x04030201,            "byte-order mark at offset 8 is 0x4030201"                 },
+      {8,                        U64{2} << 32 | Layout::byteOrderMark, "version at offset 12 is 0x2, not 0x1"                     },
+      {16,                       0,                                    "size of header"                                           },
+      {40,                       U64{1000} << 32 | 65536,              "length of kind"                                           },
+      {64,                       'X',                                  "its rows are 'X"                                          },
+      {offsetof(Layout::Header,  size),                                ~U64{0},                                                     "size in use"},
+      {offsetof(Layout::Header,                        size),                                      image.word(256) + 1,                                                                     "size in use"},
+      {offsetof(Layout::Header,           size),                                               Layout::areasOffset,                "size in use"},
+      {offsetof(Layout::Header,     index),~U64{0},                          "index of 2^63 words"},
+      {offsetof(Layout::Header,              index),                                                              0,                                                                           "index of 2^0 words"},
+      {offsetof(Layout::Header,  index),                   image.word(264) + (U64{1} << 36),
+       "index of 2^11"},
+      {offsetof(Layout::Header,                        rows),                                      7,                                                                                          "count of rows"},
+      {offsetof(Layout::Header,          changes),                                              3,                                                                                   "has change number"},
+      {Layout::ringOffset + 16,                       99,       "ring entry at offset 4112 has number 99, not 1"},
+      {index.area,       0,"no area at offset 1052672"},
+      {index.area + 8,  1,              "no area at offset 1052672"                  },
+      {index.area + 8,               3,                                            "is in no area of its own"                                                                               },
+      {nextArea,           ~U64{0} << 12,                                             "no area at offset"                                                               },
+      {nextArea + 8,           1 | 33 << 8,                                "no area at offset"                     },
+      {first,                 ~U64{0},                              "points to"                         },
+      {first,             image.word(first) + 1,                            "there are 199 sound ones"                                    },
+      {first,                    image.word(first) & 0xffffffffff,                                 "index word"                                                   },
+      {first,                    2,                       "points to 32,"                            },
+      {first,                    Layout::emptyWord,     "there are 199 sound ones"                   },
+      {index.words() + 1023 * 8,                    image.word(first),                                    "two words of the index"                                                         },
+      {slot,                    0,                    "is being written"                                                },
+      {slot + 8, 77777, "is not that of key 0x12fd1"},
+      {slot + 16,                     ~U64{0},                                     "has a row of 4294967295 bytes"                                                          },
+      {slot + 16,                 image.word(slot + 16) ^ 1,                                                "checksum of the row"                                                                              },
+      {slot + 24,                ~U64{0},                         "checksum of the row"                },
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.said);
+    image.restore();
+    Layout::store(image.at(row.offset), row.value);
+    std::string said,
+        thrown = messageOf([&] {
+          const Quarn::TableReport report = TestReader(image.fd(), "image").verify();
+          for (const std::string& fault : report.faults)
+            said += fault + "\n";
+        });
+    said += thrown;
+    EXPECT_THAT(said, HasSubstr(row.said));
+    EXPECT_TRUE(survives(image));
+  }
+  for (const U64 size :
+       {U64{0}, U64{1}, U64{4095}, U64{4096}, U64{70000}, image.size() - 4096}) {
+    const int fd = ::memfd_create("cut", MFD_CLOEXEC);
+    image.restore();
+    ASSERT_EQ(::pwrite(fd, image.at(0), size, 0), static_cast<ssize_t>(size));
+    const U64 used = image.word(offsetof(Layout::Header, size));
+    const std::string said = messageOf([&] { TestReader reader(fd, "cut"); });
+    EXPECT_EQ(said.empty(), size >= used) << size << ": " << said;
+  }
+}
+
+namespace {
+struct OtherRecord : TestRecord {
+  static constexpr std::string_view tableKind = "OtherRecord";
+};
+}  // namespace
+
+// Catches an object of somebody else that is taken for a table, or overwritten.
+TEST(TableOpen, refusals) {
+  const TestName name("refused");
+  EXPECT_THAT(messageOf([&] { TestReader reader(name); }),
+              HasSubstr("shm_open: No such file"));
+  fill(name);
+  for (const std::string& said :
+       {messageOf([&] { Quarn::TableReader<OtherRecord> reader(name); }),
+        messageOf([&] { Quarn::TableWriter<OtherRecord> writer(name); })})
+    EXPECT_THAT(said, HasSubstr("its rows are 'TestRecord', not 'OtherRecord'"));
+  {
+    TestWriter writer(name);
+    EXPECT_EQ(writer.rowCount(), imageRows);
+    EXPECT_THAT(messageOf([&] { TestWriter second(name); }),
+                HasSubstr("has a live writer, process " + std::to_string(::getpid())));
+    EXPECT_THAT(messageOf([&] { writer.rowIs(1, TestRecord(1, 1, 17 << 20)); }),
+                HasSubstr("at most 16777216"));
+  }
+
+  const int fd = ::shm_open(name.text().c_str(), O_RDWR, 0);
+  const U64 word = Layout::areasOffset + 64;
+  const U64 wrong = ~U64{0};
+  ASSERT_EQ(::pwrite(fd, &wrong, 8, static_cast<off_t>(word)), 8);
+  EXPECT_THAT(messageOf([&] { TestWriter writer(name); }),
+              HasSubstr("corrupt: index word"));
+  ASSERT_EQ(::pwrite(fd, "GIF89a..", 8, 0), 8);
+  ::close(fd);
+  EXPECT_THAT(messageOf([&] { TestWriter writer(name); }), HasSubstr("not a table"));
+  EXPECT_THAT(messageOf([&] { TestReader reader(name); }), HasSubstr("not a table"));
+
+  for (const std::string_view bad : std::initializer_list<std::string_view>{
+           "", "/", "table", "//", "/a/b", "/.", "/..", std::string_view("/a\0b", 4)}) {
+    EXPECT_THROW(TestReader{bad}, Kop::RangeException) << bad;
+    EXPECT_THROW(TestWriter{bad}, Kop::RangeException) << bad;
+  }
+  EXPECT_THROW(TestReader(std::string(256, '/')), Kop::RangeException);
+}
+
+// Catches a mode that the umask narrows, and a table that is removed under its reader.
+TEST(TableOpen, modeAndRemoval) {
+  const TestName name("mode");
+  const mode_t before = ::umask(077);
+  for (const mode_t mode : {0640u, 0604u}) {
+    TestWriter writer(name, {.mode = mode, .owner = ::geteuid(), .group = ::getegid()});
+    struct stat status {};
+    ASSERT_EQ(::stat(("/dev/shm" + name.text()).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode);
+  }
+  ::umask(before);
+  TestReader reader(name);
+  EXPECT_FALSE(reader.isRemoved());
+  EXPECT_TRUE(TestWriter::remove(name));
+  EXPECT_FALSE(TestWriter::remove(name));
+  EXPECT_TRUE(reader.isRemoved());
+  EXPECT_TRUE(reader.verify().ok());
+}
+
+// Catches a change that is half made when memory runs out, or SIGBUS in its place.
+TEST(TableGrowth, fullMemoryLeavesTheTableAsItWas) {
+  const TestName name("full");
+  TestWriter writer(name);
+  const TestReader reader(name);
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit was;
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &was), 0);
+  const rlimit narrow{4 << 20, was.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &narrow), 0);
+  Model model;
+  std::string said;
+  std::mt19937_64 random(1);
+  int refused = 0;
+  for (U64 version = 1; refused < 300; ++version) {
+    const U64 key = random() % 100000;
+    const TestRecord record(key, version, static_cast<U32>(random() % 1500));
+    const U64 changes = writer.changeCount();
+    const std::string why = messageOf([&] { writer.rowIs(key, record); });
+    if (why.empty()) {
+      model[key] = record;
+    } else {
+      said = why;
+      ++refused;
+      ASSERT_EQ(writer.changeCount(), changes);
+    }
+  }
+  EXPECT_THAT(said, HasSubstr("posix_fallocate: File too large"));
+  EXPECT_EQ(walked(reader), model);
+  // What is there can still be deleted, and its room serves again.
+  const auto [key, record] = *model.begin();
+  EXPECT_TRUE(writer.rowDel(key));
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &was), 0);
+  EXPECT_TRUE(writer.rowIs(key, record));
+  EXPECT_TRUE(writer.rowIs(100001, TestRecord(100001, 1, 1000000)));
+  model[100001] = TestRecord(100001, 1, 1000000);
+  EXPECT_EQ(walked(reader), model);
+  const Quarn::TableReport report = reader.verify();
+  EXPECT_TRUE(report.ok()) << report.faults.front();
+  // All at once: what is given up serves rows of other sizes.
+  writer.rowDelAll();
+  const U64 used = writer.stats().bytesUsed;
+  for (U64 i = 0; i < 5000; ++i)
+    writer.rowIs(i, TestRecord(i, 1, 200));
+  EXPECT_EQ(writer.stats().bytesUsed, used);
+  EXPECT_TRUE(reader.verify().ok());
+}
+
+// Catches a follower that is told that it missed nothing.
+TEST(TableRing, saysWhenItNoLongerReachesBack) {
+  const TestName name("ring");
+  TestWriter writer(name);
+  const TestReader reader(name);
+  for (U64 i = 1; i <= Layout::ringCount + 10; ++i)
+    writer.rowIs(i % 3, TestRecord(i % 3, i, 4));
+  std::vector<U64> keys;
+  U64 upTo = 0;
+  EXPECT_FALSE(reader.changedSince(9, keys, upTo));
+  EXPECT_EQ(upTo, Layout::ringCount + 10);
+  EXPECT_TRUE(reader.changedSince(10, keys, upTo));
+  ASSERT_EQ(keys.size(), Layout::ringCount);
+  EXPECT_EQ(keys.front(), 11 % 3);
+  EXPECT_FALSE(reader.changedSince(upTo + 1, keys, upTo));  // of another table
+}
+
+// Catches an access that is no atomic one, rows that go missing in a walk while the index is
+// replaced under it, and a follower that loses a change.
+TEST(TableThreads, readersBesideAWriterThatGrows) {
+  const TestName name("threads");
+  constexpr U64 fixed = 500, all = 20000;
+  auto writer = std::make_unique<TestWriter>(name);
+  for (U64 key = 0; key < fixed; ++key)
+    writer->rowIs(key, TestRecord(key, 1, static_cast<U32>(key % 50)));
+  std::atomic<bool> stop = false;
+  std::atomic<U64> walks = 0;
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 2; ++i)
+    readers.emplace_back([&, i] {
+      const TestReader reader(name);
+      std::mt19937_64 random(i);
+      std::vector<U64> newest(all), keys;
+      U64 since = 0;
+      do {
+        TestRecord record;
+        for (int n = 0; n < 200; ++n) {
+          const U64 key = random() % all;
+          const RowState state = reader.row(key, record);
+          EXPECT_TRUE(state != RowState::found || record.isWhole(key));
+          EXPECT_TRUE(state == RowState::found || key >= fixed);
+        }
+        U64 found = 0;
+        std::vector<bool> seen(all);
+        reader.forEachRow([&](U64 key, const TestRecord& row) {
+          EXPECT_TRUE(row.isWhole(key));
+          EXPECT_FALSE(seen[key]) << "twice";
+          EXPECT_GE(row.version, newest[key]);
+          seen[key] = true;
+          newest[key] = row.version;
+          found += key < fixed;
+        });
+        EXPECT_EQ(found, fixed);
+        const TestReader late(name);
+        EXPECT_EQ(late.verify().faultCount, 0u);
+        reader.changedSince(since, keys, since);
+        ++walks;
+      } while (!stop);
+    });
+  std::mt19937_64 random(99);
+  U64 version = 1;
+  for (U64 round = 0; round < 6 || walks < 4; ++round) {
+    for (U64 i = 0; i < 4000; ++i) {
+      const U64 key = random() % (round % 2 ? all : fixed);
+      const TestRecord record(key, ++version, static_cast<U32>(random() % 300));
+      writer->rowIs(key, record);
+      if (const U64 other = random() % all; other >= fixed && i % 2)
+        writer->rowDel(other);
+    }
+    if (round % 3 == 2) {
+      writer.reset();
+      writer = std::make_unique<TestWriter>(name);
+    }
+  }
+  stop = true;
+  for (std::thread& reader : readers)
+    reader.join();
+}
+
+// Catches a walk that goes on over rows that are no longer where it is.
+TEST(TableDeath, walkThatAddsRows) {
+  const TestName name("walk");
+  TestWriter writer(name);
+  for (U64 key = 0; key < 700; ++key)
+    writer.rowIs(key, TestRecord(key, 1, 8));
+  U64 given = 0;
+  writer.forEachRow([&](U64 key, const TestRecord&) {
+    writer.rowIs(key, TestRecord(key, 2, 600));
+    if (key % 2) writer.rowDel(key);
+    ++given;
+  });
+  EXPECT_EQ(given, 700u);
+  EXPECT_EQ(writer.rowCount(), 350u);
+  EXPECT_DEATH(writer.forEachRow([&](U64 key, const TestRecord&) {
+    for (U64 i = 0; i < 1000; ++i)
+      writer.rowIs(10000 + key + i, TestRecord(1, 1, 1));
+  }),
+               "generation == writer.generation");
 }
