@@ -21,7 +21,7 @@ std::string quoted(const Kop::String& name) {
 // ---- one path ----
 
 void Publisher::Impl::check(const Path& path) const {
-  tableIdOf(path.type);  // throws for a type without a table
+  if (!find(path.type)) tableIdOf(path.type);  // throws for a type without a table
   const auto refuse = [&](const std::string& why) {
     throw Kop::RangeException("path " + quoted(path.name) + " of type " +
                               std::string(valueToStrep(path.type)) + ": " + why);
