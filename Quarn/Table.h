@@ -43,9 +43,9 @@
 
 namespace Quarn {
 
-// serialize writes serializeLen() bytes. deserializeLen(bytes, available) says how many of the
-// available bytes the record takes, 0 when it does not fit; deserialize reads so many. Both
-// must stand any bytes; deserialize may throw what derives from std::exception.
+// serialize writes serializeLen() bytes. deserializeLen(bytes, available) is 0 when the record
+// needs more than the available bytes; otherwise deserialize may be called. Both must stand
+// any bytes; deserialize may throw what derives from std::exception.
 template <class R>
 concept TableRecord = std::default_initializable<R> && std::copyable<R> &&
     requires(const R& record, R& target, void* to, const void* from, U32 n) {
@@ -162,14 +162,18 @@ class TableReader {
   const std::string& name() const { return core_.name(); }
 
  private:
+  // The content must be one whole record and nothing else. Some records answer deserializeLen
+  // with a yes or no instead of their length, so what was read is measured.
   void decode(const RowBytes& bytes, R& out) const {
-    if (std::as_const(out).deserializeLen(bytes.data, bytes.length) != bytes.length)
-      core_.throwNotARecord(bytes.key, "its length is not that of its content");
+    if (std::as_const(out).deserializeLen(bytes.data, bytes.length) == 0)
+      core_.throwNotARecord(bytes.key, "it ends early");
     try {
       out.deserialize(bytes.data, bytes.length);
     } catch (const std::exception& e) {
       core_.throwNotARecord(bytes.key, e.what());
     }
+    if (std::as_const(out).serializeLen() != bytes.length)
+      core_.throwNotARecord(bytes.key, "its length is not that of its content");
   }
 
   TableReaderCore core_;
