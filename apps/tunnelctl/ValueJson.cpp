@@ -67,6 +67,54 @@ bool isStored(const MemberRecord& member) {
          (member.kind == MemberKind::attribute || member.kind == MemberKind::collection);
 }
 
+// Whether an enumeration's values are combined: three or more of its enumerators are not 0,
+// and no two of them share a bit. Counted enumerators do: 3 is 1 and 2.
+bool isFlags(const Kop::TypeRecord& record) {
+  U32 bits = 0, count = 0;
+  for (const MemberRecord& member : record.members) {
+    if ((bits & member.value) != 0) return false;
+    bits |= member.value;
+    count += member.value != 0;
+  }
+  return count >= 3;
+}
+
+// The names of the flags that a number is made of; none when it has other bits.
+std::vector<std::string_view> flagsOf(const Kop::TypeRecord& record, U32 number) {
+  std::vector<std::string_view> names;
+  for (const MemberRecord& member : record.members) {
+    if (member.value == 0 || (number & member.value) != member.value) continue;
+    names.push_back(member.name);
+    number &= ~member.value;
+  }
+  if (number != 0) names.clear();
+  return names;
+}
+
+// Whether a number stands for enumerators: it has no bit that none of them has.
+bool isOfFlags(const Kop::TypeRecord& record, const Json& json) {
+  if (!json.is(Json::Kind::number) || !isFlags(record)) return false;
+  U32 number = 0, known = 0;
+  const char* const end = json.text.data() + json.text.size();
+  if (std::from_chars(json.text.data(), end, number).ptr != end) return false;
+  for (const MemberRecord& member : record.members)
+    known |= member.value;
+  return (number & ~known) == 0;
+}
+
+Json enumerationToJson(const Kop::TypeRecord& record, std::string text) {
+  if (!isNumberStart(text[0])) return Json::string(std::move(text));
+  U32 number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  const auto flags =
+      isFlags(record) ? flagsOf(record, number) : std::vector<std::string_view>();
+  if (flags.empty()) return Json::number(std::move(text));
+  Json json = Json::array();
+  for (const std::string_view flag : flags)
+    json.push(Json::string(std::string(flag)));
+  return json;
+}
+
 Json bytesOrString(std::string bytes) {
   if (isUtf8(bytes)) return Json::string(std::move(bytes));
   static constexpr char digits[] = "0123456789abcdef";
@@ -87,6 +135,25 @@ Json bytesOrString(std::string bytes) {
                                const Json& json,
                                const Where& where) {
   fail(json, where, "found " + json.summary() + ", expected " + expected(type));
+}
+
+// An array of enumerators becomes the number that has the bits of them all.
+Json joinedFlags(const TypeOps& type, const Json& json, const Where& where) {
+  const Kop::TypeRecord& record = *type.record();
+  U32 number = 0;
+  for (std::size_t i = 0; i < json.items.size(); ++i) {
+    const Json& item = json.items[i];
+    const std::string index = "[" + std::to_string(i) + "]";
+    const auto flag = std::find_if(
+        record.members.begin(), record.members.end(),
+        [&](const MemberRecord& member) { return member.name == item.text; });
+    if (!item.is(Json::Kind::string) || flag == record.members.end())
+      failExpected(type, item, Where{&where, index});
+    number |= flag->value;
+  }
+  Json joined = Json::number(number);
+  joined.line = json.line;
+  return joined;
 }
 
 std::string bytesFromHex(const Json& json, const Where& where) {
@@ -174,7 +241,7 @@ void eachElement(const TypeOps& type,
       });
 }
 
-// Elements in the natural order of their keys' texts.
+// Elements in the natural order of their keys' texts; those of an ordered map in its own.
 std::vector<std::pair<std::string, std::pair<const void*, const void*>>> sortedElements(
     const TypeOps& type, const void* collection) {
   std::vector<std::pair<std::string, std::pair<const void*, const void*>>> all;
@@ -183,8 +250,9 @@ std::vector<std::pair<std::string, std::pair<const void*, const void*>>> sortedE
         textOf(*type.elements->key, key), {key, value}
     });
   });
-  std::sort(all.begin(), all.end(),
-            [](const auto& a, const auto& b) { return naturalLess(a.first, b.first); });
+  if (!type.name.starts_with("Kop::RbTreeMap"))
+    std::sort(all.begin(), all.end(),
+              [](const auto& a, const auto& b) { return naturalLess(a.first, b.first); });
   return all;
 }
 
@@ -245,7 +313,7 @@ std::string expected(const TypeOps& type) {
       std::string names;
       for (const MemberRecord& member : form.record->members)
         names += (names.empty() ? "one of " : ", ") + std::string(member.name);
-      return names;
+      return isFlags(*form.record) ? names + ", or an array of them" : names;
     }
     case Shape::record: return "an object, a " + std::string(type.name);
     case Shape::collection: return "an array or an object";
@@ -275,8 +343,8 @@ Json toJson(const TypeOps& type, const void* value) {
   switch (form.shape) {
     case Shape::boolean: return Json::boolean(text == "True");
     case Shape::quoted: return bytesOrString(unquoted(text));
-    case Shape::number:
-    case Shape::enumeration: {
+    case Shape::enumeration: return enumerationToJson(*form.record, std::move(text));
+    case Shape::number: {
       const char last = text.empty() ? ' ' : text.back();  // "-inf" ends in a letter
       if (!text.empty() && isNumberStart(text[0]) && last >= '0' && last <= '9')
         return Json::number(std::move(text));
@@ -337,8 +405,13 @@ void fromJson(const TypeOps& type,
     case Shape::enumeration: {
       const bool isName =
           json.is(Kind::string) && !json.text.empty() && !isNumberStart(json.text[0]);
-      if (!isName && (!json.is(Kind::number) || numbers == Numbers::declared))
-        failExpected(type, json, where);
+      if (json.is(Kind::array) && isFlags(*form.record)) {
+        const Json joined = joinedFlags(type, json, where);
+        return scalarFromText(type, value, joined.text, joined, where);
+      }
+      const bool taken =
+          numbers == Numbers::any ? json.is(Kind::number) : isOfFlags(*form.record, json);
+      if (!isName && !taken) failExpected(type, json, where);
       return scalarFromText(type, value, json.text, json, where);
     }
     case Shape::word:
@@ -369,7 +442,10 @@ GenericValue keyFromName(const TypeOps& type,
       scalarFromText(type, key.get(), json.text, json, where);
       return key;
     case Shape::enumeration:
-      if (numbers == Numbers::declared || name.empty() || !isNumberStart(name[0])) break;
+      if (name.empty() || !isNumberStart(name[0])) break;
+      if (numbers == Numbers::declared &&
+          !isOfFlags(*form.record, Json::number(std::string(name))))
+        break;
       scalarFromText(type, key.get(), json.text, json, where);
       return key;
     case Shape::record:
@@ -516,11 +592,22 @@ std::string toWords(const TypeOps& type, const void* key) {
     const Json json = toJson(type, key);
     if (json.is(Json::Kind::boolean)) return json.flag ? "true" : "false";
     if (json.is(Json::Kind::object)) return plain(json);
+    if (json.is(Json::Kind::array)) {  // flags
+      std::string flags;
+      for (const Json& flag : json.items)
+        flags += (flags.empty() ? "" : "|") + flag.text;
+      return flags;
+    }
     return printable(json.text);
   }
   std::string words;
   if (form.shape == Shape::record) {
-    for (const MemberRecord& member : form.record->members)
+    // More than a few values without names tell nobody which is which.
+    constexpr auto fewMembers = 3;
+    const auto& members = form.record->members;
+    if (std::count_if(members.begin(), members.end(), isStored) > fewMembers)
+      return toLine(type, key);
+    for (const MemberRecord& member : members)
       if (isStored(member))
         words +=
             (words.empty() ? "" : " ") + toWords(*member.ops->type, member.ops->at(key));

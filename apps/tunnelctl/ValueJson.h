@@ -14,7 +14,8 @@
 //   record                   object by member name; a member that is left out has its default
 //   wrapper, number          number
 //   bool                     true, false
-//   enumeration              name; a number when there is no such enumerator
+//   enumeration              name; a number when there is no such enumerator, or an array of
+//                            names when it is made of flags
 //   Kop::String, addresses   their bare text; {"bytes": "<hex>"} when it is not UTF-8
 //   other types              the text as it stands
 //   set                      array
@@ -108,7 +109,7 @@ std::string toLine(const Kop::TypeOps& type,
                    const void* value,
                    const Kop::TypeOps* keyType = nullptr,
                    const void* key = nullptr);
-// A key: of a record the members' values alone.
+// A key: of a record of up to three members their values alone, else as above.
 std::string toWords(const Kop::TypeOps& type, const void* key);
 
 // Reads a value from the whole of its text.

@@ -61,6 +61,34 @@ TEST_F(ProcessesThreads, whatOneAppliesAnotherFollowsAndAThirdShows) {
   EXPECT_EQ(ctl({"show", "frob"}).status, 1);
 }
 
+// Catches nested values, ordered maps and records as keys that do not survive being shown.
+TEST_F(ProcessesThreads, staticTunnelsAreShownAsTheyWereApplied) {
+  const std::string tunnels = HOUSE_SOURCE_DIR "/examples/static-tunnels.json";
+  auto monitor = startMonitor({"tunnel"});
+  const Result applied = ctl({"apply", tunnels});
+  ASSERT_EQ(applied.status, 0) << applied.err;
+  EXPECT_THAT(applied.out, HasSubstr("6 paths: 6 paths made, 9 entries added"));
+  EXPECT_EQ(ctl({"apply", "--check", tunnels}).status, 0);
+  const Result shown = ctl({"-j", "show", "/"});
+  EXPECT_THAT(ctl({"apply", file("shown.json", shown.out)}).out,
+              HasSubstr("nothing changed"));
+  const std::string text = ctl({"show", "tunnel"}).out;
+  EXPECT_THAT(text, HasSubstr("192.0.2.1 Ethernet1 push[100016]: true, "));
+  EXPECT_THAT(text, HasSubstr("checksumFlag|keyFlag"));
+  EXPECT_THAT(text, HasSubstr("igpMetric 4000000000"));
+
+  std::ifstream in(tunnels);
+  std::string changed((std::istreambuf_iterator<char>(in)), {});
+  const std::string label = "\"push[100044]\"";
+  changed.replace(changed.find(label), label.size(), "\"push[100045]\"");
+  EXPECT_THAT(ctl({"apply", file("changed.json", changed)}).out,
+              HasSubstr("6 paths: 1 entry changed"));
+  EXPECT_TRUE(eventually([&] {
+    return monitor->out().find("push[100045]: true") != std::string::npos;
+  })) << monitor->out();
+  EXPECT_EQ(monitor->end(SIGTERM), 0);
+}
+
 // Catches a bad file that is applied in part.
 TEST_F(ProcessesThreads, aBadFileLeavesEverythingAsItWas) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);

@@ -101,8 +101,12 @@ GenericValue Random::value(const TypeOps& type) {
   switch (form.shape) {
     case Form::Shape::record: fillRecord(*form.record, value.get()); return value;
     case Form::Shape::enumeration: {
-      const auto& member = oneOf(form.record->members);
-      value.textIs(Kop::String(member.name));
+      const auto &member = oneOf(form.record->members),
+                 &other = oneOf(form.record->members);
+      if (type.name == "Tunnel::GreHdrFlagsType" && coin())
+        value.textIs(Kop::String(std::to_string(member.value | other.value)));
+      else
+        value.textIs(Kop::String(member.name));
       return value;
     }
     case Form::Shape::boolean: value.textIs(coin() ? "True" : "False"); return value;

@@ -63,6 +63,56 @@ TEST(ValueJson, textsOfEveryTypeAreRefusedWhenTheyAreCutOrGoOn) {
   });
 }
 
+// Catches flags that cannot be combined in a configuration, and counted enumerators that can.
+TEST(ValueJson, flagsAreCombinedAndEnumeratorsAreNot) {
+  const struct {
+    const char *holder, *member, *json;
+    const char* written;  // null: refused
+  } rows[] = {
+      {"GreTunnelInfo", "oFlags",              "[\"keyFlag\", \"checksumFlag\"]",
+       "[\"checksumFlag\",\"keyFlag\"]"                                                                           },
+      {"GreTunnelInfo", "oFlags",              "40960",                           "[\"checksumFlag\",\"keyFlag\"]"},
+      {"GreTunnelInfo", "oFlags",              "8195",                            "8195"                          }, // some bits of a mask
+      {"GreTunnelInfo", "oFlags",              "[]",                              "\"noFlag\""                    },
+      {"GreTunnelInfo", "oFlags",              "[\"keyFlag\"]",                   "\"keyFlag\""                   },
+      {"GreTunnelInfo", "oFlags",              "16384",                           nullptr                         }, // a bit of none
+      {"GreTunnelInfo", "oFlags",              "[\"keyFlag\", \"frob\"]",         nullptr                         },
+      {"GreTunnelInfo", "oFlags",              "[8192]",                          nullptr                         },
+      {"TunnelId",      "tunnelTransportType", "3",                               nullptr                         },
+      {"TunnelId",      "tunnelTransportType", "[\"mplsTunnel\"]",                nullptr                         },
+      {"TunnelId",      "tunnelType",          "24",                              nullptr                         },
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.json);
+    const auto* ops =
+        findTypeNamed(row.holder).member(std::string_view(row.member))->ops->type;
+    GenericValue value(ops);
+    const auto read = [&] {
+      fromJson(*ops, value.get(), parseJson(row.json), Where(), Numbers::declared);
+      return jsonOf(value);
+    };
+    if (row.written)
+      EXPECT_EQ(read(), row.written);
+    else
+      EXPECT_THROW(read(), DataError);
+  }
+}
+
+// Catches an ordered map that is written in another order than its own.
+TEST(ValueJson, orderedMapsKeepTheirOrder) {
+  const Kop::TypeOps& type = *findTypeNamed("StaticTunnelConfigEntry").value->ops;
+  GenericValue entry(&type);
+  fromJson(type, entry.get(),
+           parseJson("{\"via\": [{\"intfId\": \"B\", \"nexthop\": \"10.0.0.1\"}, "
+                     "{\"key\": {\"intfId\": \"A\", \"nexthop\": \"10.0.0.9\"}, "
+                     "\"value\": false}]}"),
+           Where(), Numbers::declared);
+  const std::string json = jsonOf(entry);
+  const auto a = json.find("{\"key\":{\"nexthop\":\"10.0.0.9\",\"intfId\":\"A\"");
+  const auto b = json.find("{\"key\":{\"nexthop\":\"10.0.0.1\",\"intfId\":\"B\"");
+  EXPECT_TRUE(a != json.npos && b != json.npos && a < b) << json;
+}
+
 // Catches errors that do not say which of the nested attributes is wrong.
 TEST(ValueJson, errorsNameTheNestedAttribute) {
   const Kop::TypeOps& type = *findTypeNamed("DecapIntf").value->ops;
