@@ -330,16 +330,10 @@ void growBy() {
   }
 }
 TEST(HashMap2018Sizes, moveWhole) {
-  growBy<8>();
-  growBy<12>();
-  growBy<16>();
-  growBy<24>();
-  growBy<32>();
-  growBy<40>();
-  growBy<48>();
-  growBy<56>();
-  growBy<64>();
-  growBy<68>();
+  [&]<U32... size>(std::integer_sequence<U32, size...>) {
+    (growBy<size>(), ...);
+  }
+  (std::integer_sequence<U32, 8, 12, 16, 24, 32, 40, 48, 56, 64, 68>());
 }
 
 // Catches a batch that mixes up its keys, at every size around that of a group.
@@ -650,27 +644,14 @@ TEST(HashMap2018Untyped, actsOnTheSameMap) {
   EXPECT_TRUE(map.empty());
 }
 
-// Catches a set whose answers are turned round, and an empty map that holds memory: entities
-// have many of them.
+// Catches answers that are turned round, and an empty set that holds memory: entities have
+// many of them.
 TEST(HSetAnswers, tellWhatChanged) {
-  HSet<String> set, other;
-  EXPECT_EQ(set.memory(), 0u);
+  HSet<String> set;
   EXPECT_LE(sizeof set, 40u);
-  EXPECT_TRUE(set.is("b"));
-  EXPECT_TRUE(set.is("a"));
-  EXPECT_FALSE(set.is("a"));
-  other = set;
-  EXPECT_TRUE(set == other);
-  EXPECT_TRUE(set.del("a"));
-  EXPECT_FALSE(set.del("a"));
-  EXPECT_FALSE(set == other);
-  EXPECT_TRUE(set.has("b"));
-  U32 met = 0;
-  for (const String& key : set)
-    met += key == "b";
-  EXPECT_EQ(met, 1u);
-  EXPECT_FALSE(set.iteratorConstFrom("a") == std::default_sentinel &&
-               set.iteratorConstFrom("b") == std::default_sentinel);
+  EXPECT_TRUE(set.is("b") && set.is("a") && !set.is("a"));
+  EXPECT_TRUE(set.del("a") && !set.del("a") && set.has("b"));
+  EXPECT_EQ(set.begin()->key(), "b");
   set.clear();
   EXPECT_EQ(set.memory(), 0u);
 }
