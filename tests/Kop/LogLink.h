@@ -1,11 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <span>
 #include <vector>
 
 #include "Kop/NboAttrLogSa.h"
-#include "TestTypes.h"
 
 // Two ends of a connection, and the bytes under way between them.
 
@@ -40,7 +40,7 @@ inline EntitySa& adapterOf(Kop::Entity& entity) {
 // The receiving end: bytes in pieces of any size, whole frames out.
 class Reader {
  public:
-  Reader(const Kop::Ptr<TallTree>& to, U64 rootIdentity)
+  Reader(const Kop::Ptr<Kop::Entity>& to, U64 rootIdentity)
       : session(stream, to, Session::reads, rootIdentity) {}
   // True when at least one frame was applied.
   bool arrived(const U8* bytes, std::size_t size) {
@@ -64,8 +64,8 @@ class Reader {
 
 class Link {
  public:
-  Link(const Kop::Ptr<TallTree>& from,
-       const Kop::Ptr<TallTree>& to,
+  Link(const Kop::Ptr<Kop::Entity>& from,
+       const Kop::Ptr<Kop::Entity>& to,
        std::size_t highWater = Stream::defaultHighWater)
       : stream(highWater),
         writer(stream, from, Session::writes),

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "Drem/Error.h"
-#include "Kop/NboAttrLogSa.h"
 #include "Tunnel/MldpTunnelHivelTypes.h"
+#include "tests/Kop/LogLink.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {
@@ -148,7 +148,6 @@ TEST(MldpRib, oneEntryPerTree) {
 // Catches an entry that a copy loses, keeps or has under another tree, in a snapshot or
 // while changes are only marked.
 TEST(MldpRib, aCopyFollows) {
-  using namespace Kop::NboAttrLog;
   Samples::Random random(Samples::seed);
   const auto from = mldpTunnelRibFactory("mldp"), to = mldpTunnelRibFactory("mldp");
   std::map<std::string, std::string> model;
@@ -170,30 +169,18 @@ TEST(MldpRib, aCopyFollows) {
   for (int i = 0; i < 50; ++i)
     change();
   to->entryIs(MldpTunnelRibEntry(tunnel7, MulticastTreeId("57a1e0")));  // goes
-  Stream sending(512), receiving;
-  Session writer(sending, from, Session::writes);
-  Session reader(receiving, to, Session::reads, from->identity());
-  writer.resync();
+  Sample::Link link(from, to, 512);
+  link.writer.resync();
   for (int round = 0; round < 200; ++round) {
     for (U32 left = random() % 40; left > 0; --left)
       change();
-    bool isDone = false;
-    while (!isDone) {
-      isDone = writer.process();
-      const Out& out = sending.out();
-      for (std::size_t at = 0; at < out.size();) {
-        const U32 size = In(out.data() + at, 4).nextU32();
-        receiving.received({out.data() + at + 4, size});
-        at += 4 + size;
-      }
-      sending.out().clear();
-    }
+    link.drain();
     std::map<std::string, std::string> copied;
     for (const auto& node : to->entry())
       copied[valueToStrep(node.key()).c_str()] = valueToStrep(node.value).c_str();
     ASSERT_EQ(copied, model) << round;
   }
-  EXPECT_GT(sending.counters().coalesced, 0u);
+  EXPECT_GT(link.stream.counters().coalesced, 0u);
 }
 
 }  // namespace
