@@ -68,23 +68,6 @@ TEST(IntfIdNames, refused) {
   EXPECT_THROW(IntfId(Kop::String("a\0b", 3)), Kop::RangeException);
 }
 
-// Catches a printable name that is lost or shared, over every name of up to two bytes, and
-// words that are not in the order of their names.
-TEST(IntfIdNames, shortNamesAreOneToOneAndInOrder) {
-  IntfId last;
-  for (int a = 0x20; a < 0x7f; ++a) {
-    for (int b = 0x1f; b < 0x7f; ++b) {  // 0x1f stands for no second byte
-      const std::string name =
-          b == 0x1f ? std::string{char(a)} : std::string{char(a), char(b)};
-      const IntfId intf{Kop::String(name)};
-      ASSERT_LT(last, intf) << name;
-      ASSERT_EQ(intf.stringValue(), Kop::String(name));
-      ASSERT_EQ(Kop::strepToValue<IntfId>(valueToStrep(intf)), intf) << name;
-      last = intf;
-    }
-  }
-}
-
 // Catches a part that spills into its neighbour.
 TEST(IntfIdParts, areIndependent) {
   IntfId intf = IntfId::fromValue(0xffffffffffffffff);
