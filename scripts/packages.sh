@@ -10,6 +10,7 @@ packages='
   dpkg-dev fakeroot file gdb lintian
   libbenchmark-dev libabsl-dev libboost-dev
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
+  libpugixml-dev
 '
 
 if [ "${1:-}" = --list ]; then
