@@ -44,7 +44,8 @@ namespace Agent {
 //          its hops and its name are as they were before the call.
 // Cost     besides the row and what the entities hold, 8 bytes per path. Names are looked up
 //          in the entity of names.
-// Threads  one, that of the client.
+// Threads  one, that of the client. Calls that wait for the server run the client, and so
+//          its callbacks; those do not call back in here.
 class Publisher {
  public:
   struct Options {

@@ -76,9 +76,7 @@ Kop::Ptr<T> Publisher::Impl::mount(const std::string& path,
 
 Kind& Publisher::Impl::kindOf(TunnelType type) {
   if (auto& kind = kinds[type]) return *kind;
-  auto made = open(type);
-  adopt(*made);
-  kinds[type] = std::move(made);
+  kinds[type] = open(type);
   const TunnelTableInfo info(tableNameOf(type), tableTypeOf(type));
   if (!(tableInfo->tableInfo(info.tableName()) == info)) {
     tableInfo->tableInfoIs(info);
@@ -105,6 +103,7 @@ std::unique_ptr<Kind> Publisher::Impl::open(TunnelType type) {
     auto kind =
         std::make_unique<Kind>(type, shmName(options.socketPath, path), options.table);
     kind->names = names->localTunnelNameStatusIs(type);
+    adopt(*kind);
     return kind;
   } catch (...) {
     client.unmount(path);
