@@ -25,6 +25,16 @@ class HivelServer : public testing::Test {
     loop.add(*server);
   }
   void serve() { serve(serverOptions(dir)); }
+  // A client under the loop.
+  Client& client(const std::string& name = "test") {
+    loop.add(*clients.emplace_back(std::make_unique<Client>(clientOptions(dir, name))));
+    return *clients.back();
+  }
+  void ends(Client& client) {
+    loop.remove(&client);
+    std::erase_if(clients, [&](const auto& each) { return each.get() == &client; });
+  }
+  static MountOptions all(const Ptr<Plot>& plot) { return {plot, {}, true}; }
   bool live(const Mount& mount) {
     return loop.until([&] { return mount.settled(); }) &&
            mount.state() == Mount::State::live;
@@ -47,6 +57,7 @@ class HivelServer : public testing::Test {
   Database database;
   Loop loop;
   std::unique_ptr<Server> server;
+  std::vector<std::unique_ptr<Client>> clients;
 };
 
 Ptr<Plot> somePlot(const char* name = "p") {
@@ -60,11 +71,9 @@ Ptr<Plot> somePlot(const char* name = "p") {
 // Catches a replica that differs, that takes local writes, or that stops following.
 TEST_F(HivelServer, carriesAWritersEntityToReaders) {
   serve();
-  Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
-  loop.add(writer);
-  loop.add(reader);
+  Client &writer = client("writer"), &reader = client("reader");
   const auto plot = somePlot();
-  const Mount& out = writer.mount("garden/front", Mode::replace, {plot, {}, true});
+  const Mount& out = writer.mount("garden/front", Mode::replace, all(plot));
   const Mount& in = reader.mount("garden/front", Mode::read);
   ASSERT_TRUE(live(out));
   ASSERT_TRUE(live(in)) << in.reason();
@@ -91,29 +100,24 @@ TEST_F(HivelServer, carriesAWritersEntityToReaders) {
 // that stays locked when its writer is gone.
 TEST_F(HivelServer, hasOneWriterPerPathAndNamesIt) {
   serve();
-  auto first = std::make_unique<Client>(clientOptions(dir, "first"));
-  Client second(clientOptions(dir, "second")), reader(clientOptions(dir, "reader"));
-  loop.add(*first);
-  loop.add(second);
-  loop.add(reader);
-  ASSERT_TRUE(live(first->mount("a", Mode::replace, {somePlot(), {}, true})));
+  Client &first = client("first"), &second = client("second"), &reader = client("reader");
+  ASSERT_TRUE(live(first.mount("a", Mode::replace, all(somePlot()))));
   const Mount& in = reader.mount("a", Mode::read);
   ASSERT_TRUE(live(in));
   const U64 epoch = in.epoch();
   const std::string state = dump(in.entity());
   for (const Mode mode : {Mode::replace, Mode::adopt}) {
-    EXPECT_EQ(refusal(second.mount("a", mode, {Plot::PlotIs("q"), {}, true})),
+    EXPECT_EQ(refusal(second.mount("a", mode, all(Plot::PlotIs("q")))),
               "it is written by first (pid " + std::to_string(::getpid()) + ", uid " +
                   std::to_string(::getuid()) + ")");
     second.unmount("a");
   }
-  loop.remove(first.get());
-  first.reset();
+  ends(first);
   EXPECT_TRUE(loop.until([&] { return in.writer().empty(); }));
   EXPECT_EQ(dump(in.entity()), state);  // what the writer left stays
   const auto plot = Plot::PlotIs("q");
   plot->bedIs("only");
-  ASSERT_TRUE(live(second.mount("a", Mode::replace, {plot, {}, true})));
+  ASSERT_TRUE(live(second.mount("a", Mode::replace, all(plot))));
   EXPECT_TRUE(loop.until([&] { return dump(in.entity()) == dump(plot); }));
   EXPECT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
   EXPECT_GT(in.epoch(), epoch);
@@ -133,15 +137,9 @@ struct BedWatch : Kop::Reactor<Plot> {
 // and come), that misses state, or that may write before it has it.
 TEST_F(HivelServer, letsAWriterTakeOverWhatIsThere) {
   serve();
-  Client reader(clientOptions(dir, "reader")), heir(clientOptions(dir, "heir"));
-  loop.add(reader);
-  loop.add(heir);
-  {
-    Client first(clientOptions(dir, "first"));
-    loop.add(first);
-    ASSERT_TRUE(live(first.mount("a", Mode::replace, {somePlot(), {}, true})));
-    loop.remove(&first);
-  }
+  Client &reader = client("reader"), &heir = client("heir"), &first = client("first");
+  ASSERT_TRUE(live(first.mount("a", Mode::replace, all(somePlot()))));
+  ends(first);
   const Mount& in = reader.mount("a", Mode::read);
   ASSERT_TRUE(live(in));
   const std::string state = dump(in.entity());
@@ -149,7 +147,7 @@ TEST_F(HivelServer, letsAWriterTakeOverWhatIsThere) {
 
   const auto given = Plot::PlotIs("mine");
   given->titleIs("of no importance");
-  Mount& out = heir.mount("a", Mode::adopt, {given, {}, true});
+  Mount& out = heir.mount("a", Mode::adopt, all(given));
   EXPECT_THROW(given->titleIs("too early"), Kop::WriteUpdateFromReadOnlyProxyException);
   ASSERT_TRUE(live(out));
   EXPECT_EQ(dump(given), state);
@@ -161,9 +159,7 @@ TEST_F(HivelServer, letsAWriterTakeOverWhatIsThere) {
 }
 TEST_F(HivelServer, makesAnAdoptedPathThatIsNotThere) {
   serve();
-  Client writer(clientOptions(dir)), reader(clientOptions(dir));
-  loop.add(writer);
-  loop.add(reader);
+  Client &writer = client(), &reader = client();
   EXPECT_EQ(refusal(writer.mount("a/b", Mode::adopt)),
             "nothing is mounted there and no type is given");
   writer.unmount("a/b");
@@ -180,11 +176,7 @@ TEST_F(HivelServer, makesAnAdoptedPathThatIsNotThere) {
 // misses its coming, or that keeps following what is gone.
 TEST_F(HivelServer, letsReadersWaitForAPath) {
   serve();
-  Client writer(clientOptions(dir)), reader(clientOptions(dir)),
-      hasty(clientOptions(dir));
-  loop.add(writer);
-  loop.add(reader);
-  loop.add(hasty);
+  Client &writer = client(), &reader = client(), &hasty = client();
   Mount& in = reader.mount("a", Mode::read);
   std::vector<U32> states;
   in.onState = [&](Mount& mount) { states.push_back(static_cast<U32>(mount.state())); };
@@ -192,7 +184,7 @@ TEST_F(HivelServer, letsReadersWaitForAPath) {
             "nothing is mounted there");
   EXPECT_TRUE(loop.until([&] { return in.state() == Mount::State::waiting; }));
   const auto plot = somePlot();
-  Mount& out = writer.mount("a", Mode::replace, {plot, {}, true});
+  Mount& out = writer.mount("a", Mode::replace, all(plot));
   ASSERT_TRUE(live(in));
   EXPECT_EQ(dump(in.entity()), dump(plot));
   const Ptr<Kop::Entity> replica = in.entity();
@@ -200,7 +192,7 @@ TEST_F(HivelServer, letsReadersWaitForAPath) {
   EXPECT_TRUE(loop.until([&] { return in.state() == Mount::State::waiting; }));
   EXPECT_EQ(database.count(), 0u);
   const auto other = Plot::PlotIs("other");
-  ASSERT_TRUE(live(writer.mount("a", Mode::replace, {other, {}, true})));
+  ASSERT_TRUE(live(writer.mount("a", Mode::replace, all(other))));
   EXPECT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
   EXPECT_EQ(in.entity(), replica);
   EXPECT_EQ(dump(replica), dump(other));
@@ -216,27 +208,25 @@ TEST_F(HivelServer, offersEntitiesOfItsOwnProcess) {
   const auto own = somePlot("own"), shared = somePlot("shared");
   database.mount("own", own);
   database.mount("shared", shared, Database::Writers::remote);
-  Client client(clientOptions(dir)), reader(clientOptions(dir));
-  loop.add(client);
-  loop.add(reader);
+  Client &writer = client(), &reader = client();
   const Mount& in = reader.mount("own", Mode::read);
   ASSERT_TRUE(live(in));
   own->titleIs("by its owner");
   EXPECT_TRUE(loop.until([&] { return dump(in.entity()) == dump(own); }));
-  EXPECT_EQ(refusal(client.mount("own", Mode::replace, {Plot::PlotIs("x"), {}, true})),
+  EXPECT_EQ(refusal(writer.mount("own", Mode::replace, all(Plot::PlotIs("x")))),
             "it is written by the server's own process");
 
-  Mount& out = client.mount("shared", Mode::adopt);
+  Mount& out = writer.mount("shared", Mode::adopt);
   ASSERT_TRUE(live(out));
   plotOf(out)->titleIs("by the client");
   EXPECT_TRUE(loop.until([&] { return shared->title() == "by the client"; }));
   EXPECT_THROW(shared->titleIs("by its owner"),
                Kop::WriteUpdateFromReadOnlyProxyException);
-  client.unmount("shared");
+  writer.unmount("shared");
   EXPECT_TRUE(loop.until([&] { return !shared->readOnlyProxy(); }));
   EXPECT_EQ(shared->title(), "by the client");
   // The owner takes a path from under a writer, which hears of it.
-  Mount& again = client.mount("shared", Mode::adopt);
+  Mount& again = writer.mount("shared", Mode::adopt);
   ASSERT_TRUE(live(again));
   database.unmount("shared");
   EXPECT_TRUE(loop.until([&] { return again.state() == Mount::State::refused; }));
@@ -265,22 +255,21 @@ TEST_F(HivelServer, keepsToItsRules) {
       {"b",        true,  false},
       {"c",        false, false},
   };
-  Client client(clientOptions(dir));
-  loop.add(client);
+  Client& writer = client();
   for (const auto& row : rows) {
     SCOPED_TRACE(row.path);
     for (const bool writes : {false, true}) {
-      const Mount& mount = client.mount(row.path, writes ? Mode::adopt : Mode::read);
+      const Mount& mount = writer.mount(row.path, writes ? Mode::adopt : Mode::read);
       EXPECT_EQ(live(mount), writes ? row.write : row.read) << mount.reason();
       if (mount.state() == Mount::State::refused) {
         EXPECT_EQ(mount.reason(),
                   "uid " + me + " may not " + (writes ? "write" : "read") + " this path");
       }
-      client.unmount(row.path);
+      writer.unmount(row.path);
     }
   }
   std::string listed;
-  client.list("", [&](const std::vector<PathInfo>& paths) {
+  writer.list("", [&](const std::vector<PathInfo>& paths) {
     for (const auto& info : paths)
       listed += info.path + ":" + info.type + " ";
   });
@@ -295,10 +284,9 @@ TEST_F(HivelServer, keepsToItsRules) {
 TEST_F(HivelServer, tellsWatchersOfPaths) {
   serve();
   database.mount("a/1", Plot::PlotIs("p"));
-  Client client(clientOptions(dir));
-  loop.add(client);
+  Client& writer = client();
   std::string told;
-  const auto id = client.watch("a", [&](const PathInfo& info, bool appeared) {
+  const auto id = writer.watch("a", [&](const PathInfo& info, bool appeared) {
     told += (appeared ? "+" : "-") + info.path;
   });
   EXPECT_TRUE(loop.until([&] { return told == "+a/1"; })) << told;
@@ -312,7 +300,7 @@ TEST_F(HivelServer, tellsWatchersOfPaths) {
   database.mount("a/3", Plot::PlotIs("p"));
   serve();
   EXPECT_TRUE(loop.until([&] { return told == "+a/1+a/2-a/1+a/3"; })) << told;
-  client.unwatch(id);
+  writer.unwatch(id);
   loop.run(20ms);
   database.unmount("a/3");
   loop.run(20ms);
@@ -321,10 +309,8 @@ TEST_F(HivelServer, tellsWatchersOfPaths) {
 
 TEST_F(HivelServer, tellsItsStatus) {
   serve();
-  Client writer(clientOptions(dir, "w")), reader(clientOptions(dir, "r"));
-  loop.add(writer);
-  loop.add(reader);
-  ASSERT_TRUE(live(writer.mount("a", Mode::replace, {somePlot(), {}, true})));
+  Client &writer = client("w"), &reader = client("r");
+  ASSERT_TRUE(live(writer.mount("a", Mode::replace, all(somePlot()))));
   ASSERT_TRUE(live(reader.mount("a", Mode::read)));
   reader.mount("missing", Mode::read);
   std::optional<ServerStatus> got;
@@ -407,8 +393,7 @@ TEST_F(HivelServer, closesOnWhatItMustNotBeSent) {
       {"reader writes", hello + frameOf(read) + logFrame(77, 258), "may only read"},
   };
   // clang-format on
-  Client good(clientOptions(dir));
-  loop.add(good);
+  Client& good = client();
   U64 errors = 0;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -470,9 +455,8 @@ TEST_F(HivelServer, survivesEveryCutOfAStream) {
     loop.run(0ms);
   }
   EXPECT_TRUE(loop.until([&] { return server->status().connections.empty(); }));
-  Client client(clientOptions(dir));
-  loop.add(client);
-  EXPECT_TRUE(live(client.mount("a", Mode::replace, {somePlot(), {}, true})));
+  Client& writer = client();
+  EXPECT_TRUE(live(writer.mount("a", Mode::replace, all(somePlot()))));
 }
 
 TEST_F(HivelServer, turnsAwayWhatIsTooMuch) {
