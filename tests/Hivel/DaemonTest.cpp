@@ -120,7 +120,8 @@ TEST_F(DaemonThreads, saysWhatIsWrongWithItsArguments) {
 }
 
 // A server that dies while its clients write and read. Catches a copy that differs
-// afterwards, or that keeps what was deleted meanwhile.
+// afterwards, that keeps what was deleted meanwhile, that is emptied while nobody serves it,
+// or that is another object; and a client that gives up or has to be told.
 TEST_F(DaemonThreads, copiesAreEqualAfterTheServerIsKilled) {
   daemon.startServing(socket);
   Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
@@ -130,17 +131,25 @@ TEST_F(DaemonThreads, copiesAreEqualAfterTheServerIsKilled) {
   const auto plot = Plot::PlotIs("p");
   writer.mount("a", Mode::replace, {plot, {}, true});
   const Mount& in = reader.mount("a", Mode::read);
+  ASSERT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
+  const auto replica = Ptr<Plot>(dynamic_cast<Plot*>(in.entity().get()));
   std::minstd_rand random(7);
   for (int round = 0; round < 4; ++round) {
     SCOPED_TRACE(round);
-    plot->bedIs(Kop::String("doomed" + std::to_string(round)));
+    const Kop::String doomed("doomed" + std::to_string(round));
+    plot->bedIs(doomed);
     for (int step = 0; step < 1500; ++step) {
       scribble(*plot, random);
       if (step % 20 == 0) loop.run(0ms);
+      if (step == 600) {
+        ASSERT_TRUE(loop.until([&] { return replica->bedHas(doomed); }));
+      }
       if (step == 700) {
         daemon.signal(SIGKILL);
         daemon.wait();
-        plot->bedDel(Kop::String("doomed" + std::to_string(round)));
+        ASSERT_TRUE(loop.until([&] { return reader.state() == Client::State::lost; }));
+        EXPECT_TRUE(replica->bedHas(doomed));
+        plot->bedDel(doomed);
       }
       if (step == 1100) daemon.startServing(socket);
     }
@@ -151,6 +160,8 @@ TEST_F(DaemonThreads, copiesAreEqualAfterTheServerIsKilled) {
       return in.state() == Mount::State::live && dump(in.entity()) == dump(plot);
     })) << dump(in.entity())
         << dump(plot);
+    EXPECT_EQ(in.entity(), replica);
+    EXPECT_EQ(reader.state(), Client::State::connected);
   }
 }
 

@@ -158,50 +158,6 @@ TEST(HivelReplication, aReaderIsLiveOnlyWithAWholeState) {
   EXPECT_TRUE(mixed);
 }
 
-// Catches a copy that keeps what was deleted while the server was away, and a client that
-// gives up or needs to be told.
-TEST(HivelReplication, everythingComesBackWithTheServer) {
-  TempDir dir;
-  auto database = std::make_unique<Database>();
-  auto server = std::make_unique<Server>(*database, serverOptions(dir));
-  Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
-  Loop loop;
-  loop.add(*server);
-  loop.add(writer);
-  loop.add(reader);
-  std::vector<Client::State> states;
-  reader.onState = [&](Client::State state, const std::string&) {
-    states.push_back(state);
-  };
-  const auto plot = Plot::PlotIs("p");
-  plot->bedIs("stays");
-  plot->bedIs("goes")->plantIs(3, true);
-  plot->noteIs(1, "goes");
-  writer.mount("a", Mode::replace, {plot, {}, true});
-  const Mount& in = reader.mount("a", Mode::read);
-  ASSERT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
-  const Ptr<Kop::Entity> replica = in.entity();
-  const std::string before = dump(replica);
-
-  loop.remove(server.get());
-  server.reset();
-  database = std::make_unique<Database>();  // a new process knows nothing
-  ASSERT_TRUE(loop.until([&] { return reader.state() == Client::State::lost; }));
-  EXPECT_EQ(dump(replica), before);  // usable, as it was
-  plot->bedDel("goes");
-  plot->noteDel(1);
-  plot->bedIs("stays")->areaIs(5);
-  plot->bedIs("new");
-  loop.run(30ms);
-  server = std::make_unique<Server>(*database, serverOptions(dir));
-  loop.add(*server);
-  EXPECT_TRUE(loop.until([&] { return dump(replica) == dump(plot); }));
-  EXPECT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
-  EXPECT_EQ(in.entity(), replica);
-  EXPECT_EQ(states.front(), Client::State::connected);
-  EXPECT_EQ(states.back(), Client::State::connected);
-}
-
 // Catches a barrier that answers before its writes are in, or never when nothing can answer.
 TEST(HivelReplication, aBarrierFailsWhenAPathIsRefused) {
   TempDir dir;
