@@ -178,13 +178,14 @@ std::unique_ptr<TableReader> TableDirectory::open(const TableRef& table) const {
       shmName(impl_->socketPath, std::string_view(table.info.mountPath())));
 }
 
-void TableDirectory::follow(std::string_view agent) {
+void TableDirectory::follow(std::string_view agent, U32 what) {
   const Kop::String name(agent);
   const auto read = [&](const std::string& path, auto factory) {
     if (!impl_->reads.contains(path)) impl_->read(path, factory(name));
   };
-  read(nexthopTablePath(agent), nexthopTunnelTableFactory);
-  read(tunnelNamePath(agent), protocolTunnelNameStatusFactory);
+  if (what & followsNextHops) read(nexthopTablePath(agent), nexthopTunnelTableFactory);
+  if (what & followsNames) read(tunnelNamePath(agent), protocolTunnelNameStatusFactory);
+  if ((what & followsConvergence) == 0) return;
   read(tunnelConvergencePath(agent), tunnelConvergenceFactory);
   read(bgpLuConvergencePath(agent), bgpLuConvergenceFactory);
 }

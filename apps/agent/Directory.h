@@ -74,11 +74,16 @@ class TableDirectory {
   // Errors   Kop::RangeException for a table without rows; Quarn::TableException.
   std::unique_ptr<TableReader> open(const TableRef& table) const;
 
-  // Begins to read the next hops, names and convergence of an agent; nothing when it did
+  // What an agent publishes beside its tables. With a million tunnels each is a million
+  // entries that somebody sends.
+  static constexpr U32 followsNextHops = 1, followsNames = 2, followsConvergence = 4;
+  static constexpr U32 followsAll = 7;
+
+  // Begins to read the next hops, names or convergence of an agent; nothing of what it did
   // before. Until they have arrived, the functions below give null. What was there stays
   // while the server is lost.
   // Errors   Kop::RangeException for a name that no agent can have.
-  void follow(std::string_view agent);
+  void follow(std::string_view agent, U32 what = followsAll);
   Kop::Ptr<Tunnel::TunnelTable::NexthopTunnelTable> nextHops(
       std::string_view agent) const;
   Kop::Ptr<Tunnel::TunnelTable::ProtocolTunnelNameStatus> names(

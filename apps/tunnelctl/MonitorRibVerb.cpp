@@ -30,7 +30,7 @@ class RibMonitor {
   }
 
   int run() {
-    if (context_.style.detail) tables_.followAll();
+    if (context_.style.detail) tables_.follow(followsNextHops);
     update(false);
     snapshot();
     log_.mark();
@@ -56,14 +56,17 @@ class RibMonitor {
       const bool was = known != best_.end();
       if (rows.empty() && !was) continue;
       const TunnelTableEntry* const now = rows.empty() ? nullptr : &rows.front().entry;
-      if (was && now && known->second == *now) continue;
-      if (tells)
+      if (was && now && known->second == packed(*now)) continue;
+      if (tells) {
+        std::optional<TunnelTableEntry> before;
+        if (was) before = unpacked(known->second);
         log_.change("rib", {"best", str(endpoint.stringValue()),
                             Json::string(str(endpoint.stringValue())),
-                            was ? &known->second : nullptr, now,
+                            before ? &*before : nullptr, now,
                             now ? hops(rows.front()) : RowHops()});
+      }
       if (now)
-        best_.insert_or_assign(endpoint, *now);
+        best_.insert_or_assign(endpoint, packed(*now));
       else
         best_.erase(known);
     }
@@ -118,7 +121,7 @@ class RibMonitor {
   Tables tables_;
   Agent::RibView rib_;
   std::optional<IpGenPrefix> within_;
-  std::map<IpGenPrefix, TunnelTableEntry> best_;
+  std::map<IpGenPrefix, std::string> best_;  // rows in their binary form
   std::map<std::string, std::string> faults_;
 };
 

@@ -268,15 +268,14 @@ class Monitor {
     if (!context_.style.detail) return {!row.nexthopTunnelId().isValid(), {}};
     if (!tables_) {
       tables_ = std::make_unique<Tables>(context_);
-      tables_->followAll();
+      tables_->follow(followsNextHops);
     }
     std::string& agent = agents_[path];
     if (agent.empty())
       for (const Agent::TableRef& table : tables_->directory().tables())
         if (std::string_view(table.info.mountPath()) == path) {
           agent = table.agent;
-          tables_->directory().follow(agent);
-          tables_->settle();
+          tables_->follow(agent, followsNextHops);
         }
     return tables_->hopsSoon(agent, row);
   }

@@ -100,7 +100,7 @@ std::optional<TunnelId> idIn(const std::string& text) {
 int names(const Context& context, const std::string& wanted) {
   const Style& style = context.style;
   Tables tables(context);
-  tables.followAll();
+  tables.follow(followsNames);
   const std::optional<TunnelId> id = idIn(wanted);
   JsonArray array(context.out, style);
   Columns columns;

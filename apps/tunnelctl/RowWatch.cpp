@@ -3,22 +3,9 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "apps/tunnelctl/Rows.h"
+
 namespace Tunnelctl {
-
-namespace {
-
-std::string packed(const RowWatch::Row& row) {
-  std::string bytes(row.serializeLen(), '\0');
-  row.serialize(bytes.data());
-  return bytes;
-}
-RowWatch::Row unpacked(const std::string& bytes) {
-  RowWatch::Row row;
-  row.deserialize(bytes.data(), static_cast<U32>(bytes.size()));
-  return row;
-}
-
-}  // namespace
 
 void RowWatch::attach(std::unique_ptr<Agent::TableReader> reader, const Sink& sink) {
   reader_ = std::move(reader);

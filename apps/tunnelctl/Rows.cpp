@@ -246,6 +246,18 @@ IpGenPrefix readPrefixArgument(std::string_view argument, const std::string& tex
       "': expected a prefix or an address, such as 10.0.0.0/8 or 2001:db8::1");
 }
 
+std::string packed(const TunnelTableEntry& row) {
+  std::string bytes(row.serializeLen(), '\0');
+  row.serialize(bytes.data());
+  return bytes;
+}
+
+TunnelTableEntry unpacked(const std::string& bytes) {
+  TunnelTableEntry row;
+  row.deserialize(bytes.data(), static_cast<U32>(bytes.size()));
+  return row;
+}
+
 void RowSet::add(U64 key, const TunnelTableEntry& row) {
   const TunnelType type = row.tunnelId().tunnelType();
   const bool known = isKind(type);

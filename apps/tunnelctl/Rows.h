@@ -62,6 +62,10 @@ bool hasEndpointIn(const Tunnel::TunnelTable::TunnelTableEntry& row,
 Vantor::IpGenPrefix readPrefixArgument(std::string_view argument,
                                        const std::string& text);
 
+// A row in its binary form, and back.
+std::string packed(const Tunnel::TunnelTable::TunnelTableEntry& row);
+Tunnel::TunnelTable::TunnelTableEntry unpacked(const std::string& bytes);
+
 // Rows held in their binary form, to be shown in the order of entries: as operator< says, with
 // what it says nothing of behind: types that are none, bandwidths that are no number, equal
 // rows by key.

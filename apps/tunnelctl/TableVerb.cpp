@@ -50,7 +50,8 @@ TableState stateOf(const Tables& tables, const TableRef& table) {
 }
 
 int listTables(const Context& context, Tables& tables) {
-  tables.followAll();
+  // Only to count them, next hops are too much to ask for.
+  if (context.style.detail) tables.follow(followsNextHops);
   const auto numberOrNull = [](const std::optional<U64>& number) {
     return number ? Json::number(*number) : Json();
   };
@@ -99,10 +100,7 @@ int showRows(const Context& context,
   if (!options.endpoint.empty())
     endpoint = readPrefixArgument("--endpoint", options.endpoint);
   const Style& style = context.style;
-  if (style.json || !style.brief) {
-    tables.directory().follow(table.agent);
-    tables.settle();
-  }
+  if (style.json || !style.brief) tables.follow(table.agent, followsNextHops);
   RowSet rows;
   const auto reader = tables.directory().open(table);
   reader->forEachRow([&](U64 key, const TunnelTableEntry& row) {
@@ -136,8 +134,7 @@ int showRows(const Context& context,
 // ---- next hops ----
 
 int showNextHops(const Context& context, Tables& tables, const TableRef& table) {
-  tables.directory().follow(table.agent);
-  tables.settle();
+  tables.follow(table.agent, followsNextHops);
   tables.needAllRead();
   const auto entity = tables.directory().nextHops(table.agent);
   if (!entity) throw Failure(str(table.info.mountPath()) + ": has not arrived");
@@ -218,7 +215,7 @@ Faults faultsOf(const Tables& tables, const TableRef& table, U64& rows) {
 }
 
 int verifyTables(const Context& context, Tables& tables, const std::string& name) {
-  tables.followAll();
+  tables.follow(followsNextHops);
   std::vector<TableRef> all = tables.directory().tables();
   if (!name.empty()) all = {tables.named(name)};
   JsonArray array(context.out, context.style);

@@ -16,9 +16,14 @@ void Tables::settle() {
     throw Failure("the server did not tell in time which tables there are");
 }
 
-void Tables::followAll() {
+void Tables::follow(U32 what) {
   for (const std::string& agent : directory_.agents())
-    directory_.follow(agent);
+    directory_.follow(agent, what);
+  settle();
+}
+
+void Tables::follow(const std::string& agent, U32 what) {
+  directory_.follow(agent, what);
   settle();
 }
 

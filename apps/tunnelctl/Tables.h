@@ -10,6 +10,9 @@
 
 namespace Tunnelctl {
 
+constexpr U32 followsNextHops = Agent::TableDirectory::followsNextHops;
+constexpr U32 followsNames = Agent::TableDirectory::followsNames;
+
 // The tables of all agents, for one verb.
 //
 // Errors   Failure: no server, no answer in time.
@@ -22,10 +25,9 @@ class Tables {
   Session& session() { return session_; }
   // By name, path, or kind of tunnels; a UsageError lists the names that there are.
   Agent::TableRef named(const std::string& name) const;
-  // Waits for what was followed.
-  void settle();
-  // Follows next hops and names of all agents, and waits for them.
-  void followAll();
+  // Follows so much of all agents, and waits for it.
+  void follow(U32 what);
+  void follow(const std::string& agent, U32 what);
   // Of a row of an agent's table, as far as they have arrived.
   RowHops hops(const std::string& agent,
                const Tunnel::TunnelTable::TunnelTableEntry& row) const;
@@ -36,6 +38,8 @@ class Tables {
   void needAllRead() const;
 
  private:
+  void settle();
+
   const Context& context_;
   Session session_;
   Agent::TableDirectory directory_;

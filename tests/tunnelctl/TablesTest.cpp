@@ -120,7 +120,8 @@ index  group  hop  address   interface  labels
   const std::string pid = std::to_string(getpid());
   EXPECT_THAT(list.out,
               ContainsRegex("fpm +srTunnelTable +srTunnel +4 +4 +" + pid + " +yes"));
-  EXPECT_THAT(list.out, ContainsRegex("fpm +nexthopTunnelTable-fpm +nexthopTunnel +3 "));
+  EXPECT_THAT(ctl({"-d", "table"}).out,
+              ContainsRegex("fpm +nexthopTunnelTable-fpm +nexthopTunnel +3 "));
   EXPECT_EQ(ctl({"table", "--verify"}).status, 0);
   const Result unknown = ctl({"table", "frob"});
   EXPECT_EQ(unknown.status, 2);
