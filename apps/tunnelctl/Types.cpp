@@ -159,8 +159,7 @@ const TypeRecord& findTypeNamed(const std::string& name) {
 
 bool isReadable(const Kop::TypeOps& type) {
   const Form& form = formOf(type);
-  if (form.shape == Form::Shape::collection || type.name.find('<') != type.name.npos)
-    return false;
+  if (form.shape == Form::Shape::collection) return false;
   if (form.shape != Form::Shape::record) return true;
   for (const auto& member : form.record->members)
     if ((member.kind == MemberKind::attribute || member.kind == MemberKind::collection) &&

@@ -256,7 +256,21 @@ std::vector<std::pair<std::string, std::pair<const void*, const void*>>> sortedE
   return all;
 }
 
+// Elements by index: told in their order, not by name.
+bool isArray(const TypeOps& type) {
+  return type.elements && type.name == "Kop::PodArray";
+}
+
+Json arrayToJson(const TypeOps& type, const void* array) {
+  Json json = Json::array();
+  eachElement(type, array, [&](const void*, const void* value) {
+    json.push(toJson(*type.elements->value, value));
+  });
+  return json;
+}
+
 Json collectionToJson(const TypeOps& type, const void* collection) {
+  if (isArray(type)) return arrayToJson(type, collection);
   const TypeOps& keyType = *type.elements->key;
   const TypeOps* const valueType = type.elements->value;
   const auto elements = sortedElements(type, collection);
@@ -278,6 +292,27 @@ Json collectionToJson(const TypeOps& type, const void* collection) {
     }
   }
   return json;
+}
+
+// An element beyond the last place is refused by the type of the index.
+void arrayFromJson(const TypeOps& type,
+                   void* array,
+                   const Json& json,
+                   const Where& where,
+                   Numbers numbers) {
+  if (!json.is(Json::Kind::array)) failExpected(type, json, where);
+  GenericValue read(&type);
+  for (std::size_t i = 0; i < json.items.size(); ++i) {
+    const Json& item = json.items[i];
+    const std::string index = std::to_string(i), place = "[" + index + "]";
+    const Where inner{&where, place};
+    const GenericValue key =
+        keyFromName(*type.elements->key, index, item.line, inner, numbers);
+    GenericValue element(type.elements->value);
+    fromJson(*type.elements->value, element.get(), item, inner, numbers);
+    type.elements->insert(read.get(), key.get(), element.get());
+  }
+  type.assign(array, read.get());
 }
 
 }  // namespace
@@ -316,7 +351,7 @@ std::string expected(const TypeOps& type) {
       return isFlags(*form.record) ? names + ", or an array of them" : names;
     }
     case Shape::record: return "an object, a " + std::string(type.name);
-    case Shape::collection: return "an array or an object";
+    case Shape::collection: return isArray(type) ? "an array" : "an array or an object";
     case Shape::number: return "a number that is a " + std::string(type.name);
     case Shape::quoted:
     case Shape::word: break;
@@ -368,13 +403,9 @@ void fromJson(const TypeOps& type,
               Numbers numbers) {
   const Form& form = formOf(type);
   using Kind = Json::Kind;
-  // A template that is no collection, as a fixed array, has no reader and must not be asked.
-  if (!type.elements && type.name.find('<') != type.name.npos) {
-    if (writeJson(toJson(type, value), false) == writeJson(json, false)) return;
-    fail(json, where, "a " + std::string(type.name) + " cannot be set, only shown");
-  }
   switch (form.shape) {
     case Shape::collection: {
+      if (isArray(type)) return arrayFromJson(type, value, json, where, numbers);
       GenericValue empty(&type);
       for (const Entry& entry : readEntries(*type.elements->key, type.elements->value,
                                             false, json, where, numbers))
@@ -612,6 +643,12 @@ std::string toWords(const TypeOps& type, const void* key) {
         words +=
             (words.empty() ? "" : " ") + toWords(*member.ops->type, member.ops->at(key));
     return words;
+  }
+  if (isArray(type)) {
+    eachElement(type, key, [&](const void*, const void* value) {
+      words += (words.empty() ? "" : ", ") + toWords(*type.elements->value, value);
+    });
+    return "[" + words + "]";
   }
   for (const auto& [text, element] : sortedElements(type, key)) {
     words += (words.empty() ? "" : ", ") + toWords(*type.elements->key, element.first);

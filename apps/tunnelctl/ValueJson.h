@@ -18,7 +18,7 @@
 //                            names when it is made of flags
 //   Kop::String, addresses   their bare text; {"bytes": "<hex>"} when it is not UTF-8
 //   other types              the text as it stands
-//   set                      array
+//   set, array               array
 //   map                      object by key, or array of {"key": .., "value": ..} when a key
 //                            is a record or not UTF-8
 //

@@ -16,6 +16,7 @@
 #include "Tunnel/MplsTunnelConfig.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
+#include "Tunnel/TunnelTableHivelTypes.h"
 
 namespace Tunnel {
 namespace {
@@ -194,6 +195,67 @@ constexpr TypeRow multicastRows[] = {
      "2 a tunnelId, 3 a mcastTreeId, 4 f hash, 5 f serializeLen, 6 f serialize, "
      "7 f deserialize, 8 f deserializeLen"},
 };
+constexpr TypeRow ribRows[] = {
+    {0, "Tunnel::TunnelTable::TunnelRibId",        "value",
+     "2 a value, 3 c systemTunnelRibId, 4 c systemColoredTunnelRibId, "
+     "5 c systemTunnelingLdpTunnelRibId, 6 c systemIgpShortcutTunnelRibId, "
+     "7 c maxSystemTunnelRibId, 8 c null, 9 c systemTunnelRibName, "
+     "10 c systemColoredTunnelRibName, 11 c systemTunnelingLdpTunnelRibName, "
+     "12 c systemIgpShortcutTunnelRibName, 13 f isValid, 14 f isSystemColoredRibId"},
+    {1, "Tunnel::TunnelTable::TunnelRibNameIdMap", "entity",
+     "258 s nameToId, 259 a currentId, 260 f getFreeId, 261 f tunnelRibNameIs, "
+     "262 f tunnelRibNameDel, 263 f removeNonSystemTunnelRibs, 264 f tunnelName, "
+     "265 f currentIdInc"                                                          },
+};
+constexpr TypeRow tableRows[] = {
+    {0,  "Tunnel::TunnelTable::TunnelEntryPref",           "value",
+     "2 a value, 3 c defaultStaticPref, 4 c defaultNexthopGroupPref, "
+     "5 c defaultRsvpLerPref, 6 c defaultLdpPref, 7 c defaultOspfSrPref, "
+     "8 c defaultSrPref, 9 c defaultBgpLuPref, 10 c maxPref, 11 c invalidPref, "
+     "12 f getDefaultPrefForType"                                                                 },
+    {1,  "Tunnel::TunnelTable::TepIndex",                  "value",  "2 a value, 3 c min, 4 c max"},
+    {2,  "Tunnel::TunnelTable::NameIndex",                 "value",  "2 a value, 3 c min, 4 c max"},
+    {3,  "Tunnel::TunnelTable::ViaIndex",                  "value",  "2 a value, 3 c min, 4 c max"},
+    {4,  "Tunnel::TunnelTable::NextHopIndex",              "value",  "2 a value, 3 c min, 4 c max"},
+    {5,  "Tunnel::TunnelTable::Id64",                      "value",  "2 a value"                  },
+    {6,  "Tunnel::TunnelTable::TunnelCounterId",           "value",
+     "2 a value, 3 f convertToTunnelValue"                                                        },
+    {7,  "Tunnel::TunnelTable::TunnelTableEntry",          "value",
+     "2 a tunnelId, 3 a nexthopTunnelId, 4 a entryPref, 5 a entryMetric, 6 a tunnelBw, "
+     "7 s endpoint, 8 s name, 9 f tep, 10 f getName, 11 f setName, 12 f serializeLen, "
+     "13 f serialize, 14 f deserialize, 15 f deserializeLen"                                      },
+    {8,  "Tunnel::TunnelTable::EvpnVxlanTunnelEntry",      "value",
+     "2 a key, 3 a mac, 4 a vlanId, 5 a vni, 6 a vtepAddr, 7 a vti"                               },
+    {9,  "Tunnel::TunnelTable::TunnelTableInfo",           "value",
+     "2 a tableName, 3 a tableType, 4 a mountPath"                                                },
+    {10, "Tunnel::TunnelTable::TunnelIdNamePair",          "value",
+     "2 a tunnelId, 3 a tunnelName, 4 f hash"                                                     },
+    {11, "Tunnel::TunnelTable::NexthopTunnelL3Info",       "value",
+     "2 a groupType, 3 a ttl, 4 a sourceIp, 5 a destinationIp, 6 a mplsLabelStack, "
+     "7 a greKeyType, 8 a l3Intf, 9 a l2Intf, 10 a macAddr, 11 a tunnelCounterId, "
+     "12 f hash"                                                                                  },
+    {12, "Tunnel::TunnelTable::NexthopTunnelL2Info",       "value",
+     "2 a vlanId, 3 a l2Intf, 4 a macAddr, 5 a route, 6 a hop, 7 a l3Intf, "
+     "8 a tunnelCounterId, 9 a counterIndex, 10 a chipMask, 11 a packets, 12 a bytes"             },
+    {13, "Tunnel::TunnelTable::TunnelTableBase",           "entity",
+     "258 a tableType, 259 a tunnelTableId, 260 f contributeToTunnelRib"                          },
+    {14, "Tunnel::TunnelTable::TunnelTableInfoCollection", "entity", "258 s tableInfo"            },
+    {15, "Tunnel::TunnelTable::BgpLuConvergence",          "entity",
+     "258 a bgpLuConverged, 259 a bgpLuConvergenceSeqno"                                          },
+    {16, "Tunnel::TunnelTable::TunnelConvergence",         "entity",
+     "258 s tunnelRibConvergenceSeqno"                                                            },
+    {17, "Tunnel::TunnelTable::TunnelNameStatus",          "entity",
+     "258 s tunnelNameToId, 259 s tunnelIdToName, 260 s tunnelIdNamePair, "
+     "261 f addTunnelIdNamePair, 262 f delTunnelIdNamePair"                                       },
+    {18, "Tunnel::TunnelTable::ProtocolTunnelNameStatus",  "entity",
+     "258 s localTunnelNameStatus"                                                                },
+    {19, "Tunnel::TunnelTable::NexthopTunnelTable",        "entity",
+     "258 a tableType, 259 a tunnelTableId, 260 f contributeToTunnelRib, 386 s entry, "
+     "387 a nextAvailableIndex"                                                                   },
+    {20, "Tunnel::TunnelTable::NexthopHwTunnelTable",      "entity",
+     "258 a tableType, 259 a tunnelTableId, 260 f contributeToTunnelRib, 386 s entry, "
+     "387 s hwKeyToTunnelId, 388 f tunnelIdFromPlatformKey"                                       },
+};
 
 struct ModuleRow {
   const char* name;
@@ -206,6 +268,8 @@ const ModuleRow moduleRows[] = {
     {"MplsTunnelConfig",              mplsRows     },
     {"TunnelBasicTypes",              basicRows    },
     {"TunnelIntfId",                  intfRows     },
+    {"TunnelRibId",                   ribRows      },
+    {"TunnelTableHivelTypes",         tableRows    },
     {"MldpTunnelHivelTypes",          mldpRows     },
     {"MulticastTunnelTableEntry",     multicastRows},
 };
@@ -232,6 +296,7 @@ TEST(Registry, typesAndMembers) {
   }
   EXPECT_EQ(Decap::configInputFactory("c")->fwkType().index, 8u);
   EXPECT_EQ(mplsTunnelConfigFactory("m")->fwkType().index, 0u);
+  EXPECT_EQ(nexthopHwTunnelTableFactory("t")->fwkType().index, 20u);
 }
 
 const Kop::MemberRecord& memberOf(const char* type, std::string_view member) {

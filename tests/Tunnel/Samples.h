@@ -9,6 +9,7 @@
 #include "Tunnel/StaticTunnelConfig.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
+#include "Tunnel/TunnelTableHivelTypes.h"
 
 // Random values of any declared type, made from its rows. Half of all attributes come from a
 // handful of numbers, so that equal values and values that differ in one attribute only are
@@ -45,8 +46,24 @@ void fill(Random& random, Kop::HashMap2018<N, K>& map) {
     map.insert(sample<K>(random), sample<typename N::ValueType>(random));
 }
 
+template <class T, class Index, U32 N>
+void fill(Random& random, Kop::PodArray<T, Index, N>& array) {
+  for (U32 size = random() % 2 * (random() % (N + 1)); array.count() < size;)
+    array.set(Index(static_cast<U8>(array.count())), sample<T>(random));
+}
+
+// A word whose type exists: others cannot be ordered among entries.
+inline Tunnel::TunnelTable::TunnelId typedTunnelId(Random& random) {
+  using namespace Tunnel::TunnelTable;
+  const U32 type = random() % 24;
+  return TunnelId(TunnelId::convertToTunnelValue(
+      static_cast<TunnelType>(type > mldpTunnel ? U32{maxTunnelType} : type),
+      word(random) >> 20));
+}
+
 template <class T>
 T sample(Random& random) {
+  using namespace Tunnel::TunnelTable;
   if constexpr (std::same_as<T, bool>) {
     return random() % 2 == 0;
   } else if constexpr (std::same_as<T, float>) {
@@ -94,15 +111,32 @@ T sample(Random& random) {
     return T(sample<U8>(random));
   } else if constexpr (std::same_as<T, U3>) {
     return T::cut(sample<U8>(random));
-  } else if constexpr (std::same_as<T, Tunnel::TunnelTable::TunnelId>) {
+  } else if constexpr (std::same_as<T, Vantor::EthAddr>) {
+    U8 bytes[T::byteCount];
+    for (U8& byte : bytes)
+      byte = sample<U8>(random);
+    return T::fromBytes(bytes);
+  } else if constexpr (std::same_as<T, Vxlan::VniExt>) {
+    return T(sample<U32>(random));
+  } else if constexpr (std::same_as<T, Brel::ChipSet>) {
+    T chips;
+    for (U32 left = random() % 4; left > 0; --left)
+      chips.chipIs(sample<Brel::ChipId>(random));
+    return chips;
+  } else if constexpr (std::same_as<T, TunnelId>) {
     return T(word(random) & T::maxValue);
+  } else if constexpr (std::same_as<T, TepIndex> || std::same_as<T, NameIndex> ||
+                       std::same_as<T, ViaIndex> || std::same_as<T, NextHopIndex>) {
+    return T(static_cast<decltype(T::max)>(word(random) % (T::max + 1)));
   } else {
     T value;
     [&]<U32... I>(std::integer_sequence<U32, I...>) {
       [[maybe_unused]] const auto set = [&]<class Row>(Row row) {
         using A = typename Row::Type;
-        if constexpr (Kop::ValueCollection<A>)
+        if constexpr (Kop::ValueCollection<A> || Kop::isPodArray<A>)
           fill(random, value.*row.member);
+        else if constexpr (std::same_as<T, TunnelTableEntry> && std::same_as<A, TunnelId>)
+          value.*row.member = typedTunnelId(random);
         else
           value.*row.member = sample<A>(random);
       };

@@ -118,8 +118,6 @@ GenericValue Random::value(const TypeOps& type) {
       return value;
     default: break;
   }
-  // Arrays that are not read from text keep their default.
-  if (type.name.find('<') != type.name.npos) return value;
   read(value, [this] { return std::string(oneOf(wordTexts)); });
   return value;
 }
