@@ -70,6 +70,7 @@ class TUNNEL_EXPORT TunnelRibNameIdMap : public Kop::Entity {
   KOP_VALUE_MAP(258, nameToId, NameToId, Kop::String, TunnelRibId);
   KOP_SCALAR(259, TunnelRibId, currentId);  // the next number to give
 
+ public:
   // Takes the next number. When all are given, the process ends by an assertion.
   TunnelRibId getFreeId();
   KOP_METHOD(260, getFreeId);

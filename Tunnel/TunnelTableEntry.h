@@ -124,6 +124,7 @@ class TUNNEL_EXPORT TunnelCounterId : public Kop::Value<TunnelCounterId> {
 
   KOP_WRAPPED(2, U64, value);
 
+ public:
   // The number of two halves.
   static U64 convertToTunnelValue(U32 high, U32 low) { return U64{high} << 32 | low; }
   KOP_METHOD(3, convertToTunnelValue);

@@ -1,0 +1,408 @@
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Kop/NboAttrLogSa.h"
+#include "Trace/Trace.h"
+#include "tests/Tunnel/Samples.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+using Samples::Random;
+using Samples::sample;
+using Events = std::vector<std::string>;
+
+// Writes down the numbers of the attributes that it hears of.
+struct Watch : Kop::Notifiee {
+  explicit Watch(Kop::Entity& entity) { entity.notifieeAdd(this); }
+  void onAttribute(Kop::AttributeId attribute) override {
+    events.push_back(std::to_string(attribute));
+  }
+  void onAttribute(Kop::AttributeId attribute, const void*) override {
+    events.push_back(std::to_string(attribute) + "[]");
+  }
+  Events taken() { return std::exchange(events, {}); }
+  Events events;
+};
+
+// Takes the lines of a level of the default handle while it lives.
+class Lines {
+ public:
+  explicit Lines(int level) : level_(Trace::defaultHandle().level()) {
+    Trace::defaultHandle().levelIs(level);
+    before_ = Trace::sinkIs([this](const Trace::Handle&, int at, std::string_view text) {
+      lines_.push_back(std::to_string(at) + ' ' + std::string(text));
+    });
+  }
+  ~Lines() {
+    Trace::sinkIs(before_);
+    Trace::defaultHandle().levelIs(level_);
+  }
+  Events taken() { return std::exchange(lines_, {}); }
+
+ private:
+  int level_;
+  Trace::Sink before_;
+  Events lines_;
+};
+
+TunnelId id(U64 index) {
+  return TunnelId(TunnelId::convertToTunnelValue(ldpTunnel, index));
+}
+
+// Catches a number that is given twice, one that is taken for nothing, a line that log
+// readers no longer match, and an order of notifications that shows a name before its number
+// is taken.
+TEST(TunnelRibNames, numbersLinesAndObservers) {
+  const auto map = tunnelRibNameIdMapFactory("ribs");
+  map->currentIdInc(4);
+  Watch watch(*map);
+  Lines lines(8);
+  const std::string of =
+      "8 Tunnel::TunnelTable::TunnelRibId Tunnel::TunnelTable::TunnelRibNameIdMap::";
+  EXPECT_EQ(map->tunnelRibNameIs("red").value(), 4u);
+  EXPECT_EQ(lines.taken(),
+            (Events{of + "getFreeId()",
+                    of + "tunnelRibNameIs(Kop::String) - tunnel-rib: red, currId: 4"}));
+  EXPECT_EQ(watch.taken(), (Events{"259", "258[]"}));
+  EXPECT_EQ(map->tunnelRibNameIs("blue").value(), 5u);
+  lines.taken();
+  watch.taken();
+  EXPECT_EQ(map->tunnelRibNameIs("red").value(), 4u);
+  EXPECT_EQ(lines.taken(), Events{});
+  EXPECT_EQ(map->tunnelRibNameDel("red").value(), 4u);
+  EXPECT_EQ(lines.taken(),
+            Events{of + "tunnelRibNameDel(Kop::String) - tunnel-rib: red"});
+  EXPECT_EQ(watch.taken(), Events{"258[]"});
+  EXPECT_EQ(map->tunnelRibNameIs("red").value(), 6u);
+  map->nameToIdIs("none", TunnelRibId(TunnelRibId::null));
+  EXPECT_EQ(map->tunnelRibNameIs("none").value(), 7u);
+  EXPECT_EQ(map->tunnelRibNameIs("").value(), 8u);
+  Trace::defaultHandle().levelIs(7);
+  lines.taken();
+  EXPECT_EQ(map->tunnelRibNameIs("green").value(), 9u);
+  EXPECT_EQ(lines.taken(), Events{});
+
+  map->currentIdIs(TunnelRibId(4294967294));
+  EXPECT_EQ(map->getFreeId().value(), 4294967294u);
+  map->currentIdInc(2);  // past the end
+  EXPECT_EQ(map->currentId().value(), 1u);
+}
+
+// Catches a map that strays from what was done to it, and a sweep that skips the neighbour of
+// a name that it removes.
+TEST(TunnelRibNames, followAPlainModel) {
+  Random random(Samples::seed);
+  const auto map = tunnelRibNameIdMapFactory("ribs");
+  EXPECT_EQ(map->tunnelRibNameIs("first").value(), 0u);  // nothing is reserved
+  map->nameToIdDelAll();
+  std::map<std::string, U32> model;
+  for (const auto& [name, number] : {
+           std::pair(TunnelRibId::systemTunnelRibName, TunnelRibId::systemTunnelRibId),
+           {TunnelRibId::systemColoredTunnelRibName,
+                                                                                     TunnelRibId::systemColoredTunnelRibId     },
+           {TunnelRibId::systemTunnelingLdpTunnelRibName,
+                                                                                     TunnelRibId::systemTunnelingLdpTunnelRibId},
+           {TunnelRibId::systemIgpShortcutTunnelRibName,
+                                                                                     TunnelRibId::systemIgpShortcutTunnelRibId }
+  }) {
+    map->nameToIdIs(name, TunnelRibId(number));
+    model[std::string(name)] = number;
+  }
+  const auto system = model;
+  U32 next = 4;
+  map->currentIdIs(TunnelRibId(next));
+  for (int i = 0; i < 5000; ++i) {
+    const std::string name = "rib" + std::to_string(random() % 40);
+    if (random() % 500 == 0) {
+      map->removeNonSystemTunnelRibs();
+      model = system;
+    } else if (random() % 3 == 0 && model.count(name) != 0) {
+      ASSERT_EQ(map->tunnelRibNameDel(name).value(), model[name]);
+      model.erase(name);
+    } else {
+      const auto [row, isNew] = model.try_emplace(name, next);
+      next += isNew;
+      ASSERT_EQ(map->tunnelRibNameIs(name).value(), row->second);
+    }
+    ASSERT_EQ(map->currentId().value(), next);
+    ASSERT_EQ(map->nameToIdCount(), model.size());
+  }
+  for (const auto& [name, number] : model) {
+    EXPECT_EQ(map->nameToId(name).value(), number);
+    EXPECT_EQ(map->tunnelName(TunnelRibId(number)), name);
+  }
+  EXPECT_EQ(map->tunnelName(TunnelRibId(TunnelRibId::null)), "");
+  EXPECT_FALSE(TunnelRibId(TunnelRibId::null).isValid());
+  EXPECT_TRUE(TunnelRibId().isValid() && TunnelRibId(1).isSystemColoredRibId());
+}
+
+TEST(TunnelTablesDeathTest, brokenPromises) {
+  const auto map = tunnelRibNameIdMapFactory("ribs");
+  map->nameToIdIs("system-tunnel-rib", TunnelRibId(0));
+  map->nameToIdIs("igp", TunnelRibId(3));
+  map->nameToIdIs("none", TunnelRibId(TunnelRibId::null));
+  map->currentIdIs(TunnelRibId(TunnelRibId::null));
+  const std::string of = "Tunnel/TunnelRibId: .*Assertion ";
+  for (const char* name : {"red", "none"})
+    EXPECT_DEATH(map->tunnelRibNameDel(name), of + "\"id != nullId\"");
+  for (const char* name : {"system-tunnel-rib", "igp"})
+    EXPECT_DEATH(map->tunnelRibNameDel(name),
+                 of + "\"id > TunnelRibId::maxSystemTunnelRibId\\(\\)\"");
+  Trace::defaultHandle().levelIs(8);
+  EXPECT_DEATH(map->tunnelRibNameIs("red"),
+               "getFreeId\\(\\)\n.*Ran out of id space\n" + of + "\"false\"");
+  Trace::defaultHandle().levelIs(Trace::Handle::off);
+
+  const auto names =
+      protocolTunnelNameStatusFactory("ldp")->localTunnelNameStatusIs(ldpTunnel);
+  names->addTunnelIdNamePair(id(7), "a");
+  EXPECT_DEATH(
+      names->addTunnelIdNamePair(id(8), "a"),
+      "Tunnel/TunnelTableHivelTypes: .*\"!tunnelNameToIdHas\\( tunnelName \\)\"");
+  EXPECT_DEATH(names->addTunnelIdNamePair(id(7), "b"),
+               "\"!tunnelIdToNameHas\\( tunnelId \\)\"");
+}
+
+// Catches collections that no longer say the same, observers that hear in another order, and
+// an argument that goes with the entry it stands in.
+TEST(TunnelNames, followAPlainModel) {
+  Random random(Samples::seed + 1);
+  const auto all = protocolTunnelNameStatusFactory("ldp");
+  const auto names = all->localTunnelNameStatusIs(ldpTunnel);
+  EXPECT_EQ(all->localTunnelNameStatusIs(ldpTunnel), names);
+  EXPECT_EQ(names->tunnelType(), ldpTunnel);
+  EXPECT_EQ(names->name(), "ldpTunnel");
+  Watch watch(*names);
+  const Events inOrder{"258[]", "259[]", "260[]"};
+  std::map<U64, std::string> model;
+  std::map<std::string, U64> back;
+  for (int i = 0; i < 5000; ++i) {
+    const U64 index = random() % 30;
+    const std::string name = std::string(random() % 2 * 20, 'n') +
+                             (random() % 20 == 0 ? "" : std::to_string(random() % 30));
+    const bool known = model.count(index) != 0;
+    const bool same = known && model[index] == name;
+    if (random() % 2 == 0) {
+      const auto* const stored = names->tunnelIdToName().find(id(index));
+      names->delTunnelIdNamePair(stored ? stored->key() : id(index));
+      ASSERT_EQ(watch.taken(), known ? inOrder : Events{});
+      if (known) back.erase(model[index]);
+      model.erase(index);
+    } else if (same || (!known && back.count(name) == 0)) {
+      names->addTunnelIdNamePair(id(index), name);
+      ASSERT_EQ(watch.taken(), same ? Events{} : inOrder);
+      model[index] = name;
+      back[name] = index;
+    }
+    ASSERT_EQ(names->tunnelNameToIdCount(), model.size());
+    ASSERT_EQ(names->tunnelIdToNameCount(), model.size());
+    ASSERT_EQ(names->tunnelIdNamePairCount(), model.size());
+    for (const auto& [number, text] : model) {
+      ASSERT_EQ(names->tunnelNameToId(text), id(number));
+      ASSERT_EQ(names->tunnelIdToName(id(number)), text);
+      ASSERT_TRUE(names->tunnelIdNamePairHas(TunnelIdNamePair(id(number), text)));
+    }
+  }
+  EXPECT_EQ(names->tunnelIdToName(id(99)), "");
+  for (U64 index = 0; index < 30; ++index)
+    names->delTunnelIdNamePair(id(index));
+  names->addTunnelIdNamePair(id(1), "");
+  names->delTunnelIdNamePair(id(2));  // has no name, which is not the empty one
+  EXPECT_EQ(names->tunnelNameToIdCount(), 1u);
+}
+
+// Catches a hash that folds fields in another order or width: it decides the order of walks.
+TEST(TunnelTableHashes, byHand) {
+  const auto fold = [](U32 h, const std::vector<U32>& words) {
+    const auto byte = [&](U32 b) {
+      h += b & 0xff;
+      h += h << 10;
+      h ^= h >> 6;
+    };
+    const auto word = [&](U32 w) {
+      for (int i = 0; i < 4; ++i)
+        byte(w >> (8 * i));
+    };
+    for (const U32 w : words)
+      word(w);
+    word(static_cast<U32>(4 * words.size()));
+    h += h << 3;
+    h ^= h >> 11;
+    return h + (h << 15);
+  };
+  const TunnelIdNamePair pair(id(7), "a");
+  EXPECT_EQ(pair.hash(9), fold(9, {id(7).hash(), Kop::hashString("a")}));
+  EXPECT_EQ(Kop::KeyOps<TunnelIdNamePair>::hash(pair),
+            pair.hash(Kop::hashSeed32() ^ 0xf5ac7603));
+  Random random(Samples::seed + 2);
+  for (int i = 0; i < 50; ++i) {
+    const auto info = sample<NexthopTunnelL3Info>(random);
+    EXPECT_EQ(info.hash(3),
+              fold(3, {info.groupType(), info.ttl(), info.sourceIp().hash(),
+                       info.destinationIp().hash(), info.mplsLabelStack().hash(),
+                       info.greKeyType(), info.l3Intf().hash(), info.l2Intf().hash(),
+                       info.macAddr().hash(), hashOf(info.tunnelCounterId())}));
+  }
+}
+
+// Catches a type on the wrong side, and a number beyond the types that is taken for one.
+TEST(TunnelTables, contributionToTheTunnelRib) {
+  const auto table = tunnelTableBaseFactory("t");
+  EXPECT_FALSE(table->contributeToTunnelRib());
+  for (U32 type = 0; type < 70; ++type) {
+    const auto number = static_cast<TunnelType>(type);
+    const bool wanted = type < 32 && (0x6168acu >> type & 1) != 0;
+    EXPECT_EQ(contributeToTunnelRib(number), wanted) << type;
+    table->tableTypeIs(number);
+    EXPECT_EQ(table->contributeToTunnelRib(), wanted) << type;
+  }
+}
+
+// Catches a row that is kept under another name than its own, and a notification of nothing.
+TEST(TunnelTables, directoryAndConvergence) {
+  const auto tables = tunnelTableInfoCollectionFactory("agent");
+  tables->tableInfoIs(TunnelTableInfo("ldp", "ldpTunnel"));
+  EXPECT_EQ(tables->tableInfo("ldp").mountPath(), "tunnel/table/ldp");
+  Watch watch(*tables);
+  tables->tableInfoIs(TunnelTableInfo("ldp", "ldpTunnel"));
+  EXPECT_EQ(watch.taken(), Events{});
+  auto moved = TunnelTableInfo("ldp", "ldpTunnel", "elsewhere");
+  tables->tableInfoIs(moved);
+  EXPECT_EQ(watch.taken(), Events{"258[]"});
+  EXPECT_EQ(tables->tableInfoCount(), 1u);
+  EXPECT_EQ(tables->tableInfo("ldp"), moved);
+  moved.tableNameIs("bgp");
+  EXPECT_EQ(moved.mountPath(), "elsewhere");
+  EXPECT_EQ(tables->tableInfoDel("ldp").mountPath(), "elsewhere");
+  EXPECT_EQ(tables->tableInfoCount(), 0u);
+
+  const auto converged = bgpLuConvergenceFactory("agent");
+  Watch bgp(*converged);
+  converged->bgpLuConvergedIs(false);
+  converged->bgpLuConvergenceSeqnoIs(0);
+  EXPECT_EQ(bgp.taken(), Events{});
+  converged->bgpLuConvergenceSeqnoIs(1);
+  EXPECT_EQ(bgp.taken(), Events{"259"});
+  const auto hops = nexthopTunnelTableFactory("hops");
+  Watch nexthop(*hops);
+  hops->nextAvailableIndexIs(0);
+  EXPECT_EQ(nexthop.taken(), Events{});
+  hops->nextAvailableIndexIs(1);
+  hops->tableTypeIs(nexthopTunnel);
+  EXPECT_EQ(nexthop.taken(), (Events{"387", "258"}));
+}
+
+// Catches a look-up that answers for the invalid chip or for another chip's key.
+TEST(NexthopHwTunnels, byThePlatformsKey) {
+  const auto table = nexthopHwTunnelTableFactory("hw");
+  for (const U8 chip : {0, 5, 128})
+    table->hwKeyToTunnelIdIs(HwTunnelKey(77, Brel::ChipId(chip)), id(chip + 1));
+  EXPECT_EQ(table->tunnelIdFromPlatformKey(77, Brel::ChipId(0)), id(1));
+  EXPECT_EQ(table->tunnelIdFromPlatformKey(77, Brel::ChipId(5)), id(6));
+  EXPECT_EQ(table->tunnelIdFromPlatformKey(77, Brel::ChipId(128)), TunnelId());
+  EXPECT_EQ(table->tunnelIdFromPlatformKey(77, Brel::ChipId(6)), TunnelId());
+  EXPECT_EQ(table->tunnelIdFromPlatformKey(78, Brel::ChipId(5)), TunnelId());
+  EXPECT_EQ(table->entryCount(), 0u);
+}
+
+// One entity's changes carried to another in process.
+template <class T>
+class Replica {
+ public:
+  Replica(const Kop::Ptr<T>& from, const Kop::Ptr<T>& to)
+      : writer_(out_, from, Session::writes),
+        reader_(in_, to, Session::reads, from->identity()) {
+    writer_.resync();
+  }
+  void carry() {
+    do {
+      const std::vector<U8> bytes(out_.out().data(),
+                                  out_.out().data() + out_.out().size());
+      out_.out().consume(bytes.size());
+      for (std::size_t at = 0, size = 0; at < bytes.size(); at += 4 + size) {
+        size = U64{bytes[at]} << 24 | U64{bytes[at + 1]} << 16 | U64{bytes[at + 2]} << 8 |
+               bytes[at + 3];
+        in_.received({bytes.data() + at + 4, size});
+      }
+    } while (!writer_.process() || !out_.out().empty());
+  }
+
+ private:
+  using Session = Kop::NboAttrLog::Session;
+  Kop::NboAttrLog::Stream out_, in_;
+  Session writer_, reader_;
+};
+
+template <class Map>
+std::string textOf(const Map& map) {
+  std::string text;
+  for (const auto& node : map)
+    text += std::string(Kop::strepOf(node.key())) + ": " +
+            std::string(Kop::strepOf(node.value)) + '\n';
+  return text;
+}
+
+// Catches an attribute of a base or of a derived entity that is not sent, or sent as the
+// other's: their numbers begin anew at each level.
+TEST(TunnelTablesReplicated, baseAndDerivedAttributes) {
+  Random random(Samples::seed + 5);
+  const auto hops = nexthopTunnelTableFactory("a"),
+             hopsCopy = nexthopTunnelTableFactory("b");
+  const auto hw = nexthopHwTunnelTableFactory("a"),
+             hwCopy = nexthopHwTunnelTableFactory("b");
+  hops->entryIs(id(500), sample<NexthopTunnelL3Info>(random));
+  Replica hopsLink(hops, hopsCopy);
+  Replica hwLink(hw, hwCopy);
+  for (int i = 0; i < 300; ++i) {
+    const auto key = id(random() % 20);
+    switch (random() % 8) {
+      case 0: hops->entryIs(key, sample<NexthopTunnelL3Info>(random)); break;
+      case 1: hops->entryDel(key); break;
+      case 2: hops->nextAvailableIndexIs(sample<U32>(random)); break;
+      case 3: hops->tableTypeIs(static_cast<TunnelType>(random() % 23)); break;
+      case 4: hw->entryIs(key, sample<NexthopTunnelL2Info>(random)); break;
+      case 5: hw->hwKeyToTunnelIdIs(sample<HwTunnelKey>(random), key); break;
+      case 6: hw->entryDel(key); break;
+      case 7:
+        hw->tunnelTableIdIs(static_cast<TunnelTableIdentifier>(random() % 21));
+        break;
+    }
+    if (random() % 4 != 0) continue;
+    hopsLink.carry();
+    hwLink.carry();
+    ASSERT_EQ(textOf(hops->entry()), textOf(hopsCopy->entry()));
+    ASSERT_EQ(hops->nextAvailableIndex(), hopsCopy->nextAvailableIndex());
+    ASSERT_EQ(hops->tableType(), hopsCopy->tableType());
+    ASSERT_EQ(textOf(hw->entry()), textOf(hwCopy->entry()));
+    ASSERT_EQ(textOf(hw->hwKeyToTunnelId()), textOf(hwCopy->hwKeyToTunnelId()));
+    ASSERT_EQ(hw->tunnelTableId(), hwCopy->tunnelTableId());
+  }
+}
+
+// Catches children that are known by a name though their key is a type.
+TEST(TunnelTablesReplicated, namesByType) {
+  const auto all = protocolTunnelNameStatusFactory("a"),
+             copy = protocolTunnelNameStatusFactory("b");
+  Replica link(all, copy);
+  all->localTunnelNameStatusIs(ldpTunnel)->addTunnelIdNamePair(id(1), "one");
+  all->localTunnelNameStatusIs(static_cast<TunnelType>(40));
+  link.carry();
+  EXPECT_EQ(copy->localTunnelNameStatusCount(), 2u);
+  EXPECT_EQ(copy->localTunnelNameStatus(static_cast<TunnelType>(40))->name(), "40");
+  const auto names = copy->localTunnelNameStatus(ldpTunnel);
+  ASSERT_TRUE(names);
+  EXPECT_EQ(names->tunnelIdToName(id(1)), "one");
+  EXPECT_EQ(names->tunnelNameToId("one"), id(1));
+  EXPECT_TRUE(names->tunnelIdNamePairHas(TunnelIdNamePair(id(1), "one")));
+  all->localTunnelNameStatusDel(ldpTunnel);
+  link.carry();
+  EXPECT_FALSE(copy->localTunnelNameStatusHas(ldpTunnel));
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
