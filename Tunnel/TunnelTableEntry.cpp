@@ -126,7 +126,10 @@ void TunnelTableEntry::serialize(Kop::VoidPtr buffer) const {
   out.put(entryMetric_);
   out.put(tunnelBw_.value());
   out.put(endpoint_.count());
-  out.put(endpoint_.data(), endpoint_.count() * U32{sizeof(Vantor::IpGenPrefix)});
+  if (endpoint_.count() == 1)  // as usual: copied without a call
+    out.put(*endpoint_.data());
+  else
+    out.put(endpoint_.data(), endpoint_.count() * U32{sizeof(Vantor::IpGenPrefix)});
   out.put(name_.count());
   out.put(name_.data(), name_.count());
 }

@@ -357,6 +357,46 @@ TEST(Reflection, readsAttributesConstantsAndResults) {
         Kop::AttributeOp::get, const_cast<TunnelId*>(&id), nullptr, number, &hash));
 }
 
+// Catches a text that reflection cannot see because nothing makes a String of it at load, and
+// arrays whose elements are seen as another type's or not at all.
+TEST(Reflection, textConstantsAndArrays) {
+  const auto& name =
+      memberOf("Tunnel::TunnelTable::TunnelRibId", "systemColoredTunnelRibName");
+  EXPECT_EQ(name.type, "Kop::String");
+  const TunnelRibId id(7);
+  EXPECT_EQ(
+      read(*Kop::findType("Tunnel::TunnelTable::TunnelRibId")->value, &id, name.number)
+          .text(),
+      "'system-colored-tunnel-rib'");
+
+  constexpr const char* entryType = "Tunnel::TunnelTable::TunnelTableEntry";
+  const auto& endpoint = memberOf(entryType, "endpoint");
+  EXPECT_EQ(endpoint.kind, MemberKind::collection);
+  EXPECT_EQ(endpoint.type, "Vantor::IpGenPrefix");
+  ASSERT_EQ(endpoint.arguments.size(), 1u);
+  EXPECT_EQ(endpoint.arguments[0], "Tunnel::TunnelTable::TepIndex");
+  TunnelTableEntry entry;
+  const auto* const elements = endpoint.ops->type->elements;
+  ASSERT_NE(elements, nullptr);
+  const TepIndex second(1);
+  const Vantor::IpGenPrefix prefix(Kop::String("10.0.0.0/8"));
+  elements->insert(const_cast<void*>(endpoint.ops->at(&entry)), &second, &prefix);
+  EXPECT_EQ(entry.endpoint(second), prefix);
+  EXPECT_EQ(elements->count(endpoint.ops->at(&entry)), 2u);
+  std::string seen;
+  elements->each(
+      endpoint.ops->at(&entry), &seen,
+      [](void* context, const void* key, const void* value) {
+        *static_cast<std::string*>(context) +=
+            std::to_string(static_cast<const TepIndex*>(key)->value()) + ' ' +
+            static_cast<const Vantor::IpGenPrefix*>(value)->stringValue().c_str() + ';';
+      });
+  EXPECT_EQ(seen, "0 ;1 10.0.0.0/8;");
+  const auto& bytes = memberOf(entryType, "name");  // bytes are a text
+  EXPECT_EQ(bytes.type, "U8");
+  EXPECT_EQ(bytes.ops->type->elements, nullptr);
+}
+
 // Catches arguments that are taken in another order, type or place.
 TEST(Reflection, callsWithArguments) {
   const auto& convert =
