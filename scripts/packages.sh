@@ -9,6 +9,7 @@ packages='
   libgtest-dev libgmock-dev
   dpkg-dev fakeroot file gdb lintian
   libbenchmark-dev libabsl-dev libboost-dev
+  libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
   libpugixml-dev
 '
