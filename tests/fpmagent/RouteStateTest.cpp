@@ -79,10 +79,11 @@ struct Model {
     std::map<std::pair<U32, std::string>, std::string> all;
     for (const auto& [key, route] : routes) {
       auto hops = route.nextHopId != 0 ? hopsOf(route.nextHopId) : route.hops;
+      const bool switched = route.switched;
       // pop[] comes behind swap, noOperation[] before push
       std::stable_sort(hops.begin(), hops.end(), [&](const Hop& a, const Hop& b) {
         const auto rank = [&](const Hop& hop) {
-          const bool first = (hop.labels.count != 0) == route.switched;
+          const bool first = (hop.labels.count != 0) == switched;
           return std::tuple(hop.interface, !first, hop.labels.labels[0]);
         };
         return rank(a) < rank(b);
