@@ -358,17 +358,18 @@ void Generator::failLinks() {
           {"tunnelsPerSecond", tunnelRate               }
   });
   if (latencies_.count() == 0) return;
-  report_.event(
-      "latency",
-      fmt::format("from a change to its acknowledgement: median {:.3g} ms, 90 % "
-                  "{:.3g}, 99 % {:.3g}, most {:.3g}",
-                  at(0.5), at(0.9), at(0.99), inMs(latencies_.most())),
-      {
-          {"count",  latencies_.count()     },
-          {"p50Ms",  at(0.5)                },
-          {"p90Ms",  at(0.9)                },
-          {"p99Ms",  at(0.99)               },
-          {"mostMs", inMs(latencies_.most())}
+  const double p50 = at(0.5), p90 = at(0.9), p99 = at(0.99);
+  const double most = inMs(latencies_.most());
+  const auto shown = [](double ms) { return shownTime(ms / 1000); };
+  report_.event("latency",
+                "from a change to its acknowledgement: median " + shown(p50) + ", 90 % " +
+                    shown(p90) + ", 99 % " + shown(p99) + ", most " + shown(most),
+                {
+                    {"count",  latencies_.count()},
+                    {"p50Ms",  p50               },
+                    {"p90Ms",  p90               },
+                    {"p99Ms",  p99               },
+                    {"mostMs", most              }
   });
 }
 

@@ -54,8 +54,8 @@ std::string grouped(U64 number) {
 }
 
 std::string shownTime(double seconds) {
-  if (seconds < 1e-3) return fmt::format("{:.0f} us", seconds * 1e6);
-  if (seconds < 1) return fmt::format("{:.3g} ms", seconds * 1e3);
+  if (seconds < 0.9995e-3) return fmt::format("{:.0f} us", seconds * 1e6);
+  if (seconds < 0.9995) return fmt::format("{:.3g} ms", seconds * 1e3);
   return fmt::format("{:.2f} s", seconds);
 }
 
