@@ -36,6 +36,19 @@ std::string timestamp(bool isJson) {
   return std::string(text, size) + rest + (isJson ? "Z" : "");
 }
 
+std::string hopWords(const RowHops& hops) {
+  std::string words;
+  for (const auto& hop : hops.hops) {
+    if (!words.empty()) words += ", ";
+    bool wasBlank = false;  // its columns stand two blanks apart
+    for (const char c : hopText(hop)) {
+      if (c != ' ' || !wasBlank) words += c;
+      wasBlank = c == ' ';
+    }
+  }
+  return words.empty() ? "none" : words;
+}
+
 // What a row says, or between two rows what differs: "metric 10 -> 20". The tunnel itself is
 // said when the key does not.
 std::string rowWords(const RowChange& change) {
@@ -54,6 +67,9 @@ std::string rowWords(const RowChange& change) {
     words += (words.empty() ? "" : ", ") + now[i].first + " " +
              (both ? old[i].second + " -> " : "") + now[i].second;
   }
+  if (change.hopsBefore)
+    words += (words.empty() ? "" : ", ") + ("next hops " + hopWords(*change.hopsBefore)) +
+             " -> " + hopWords(change.hops);
   return words;
 }
 
@@ -133,7 +149,8 @@ void EventLog::change(const std::string& path, const RowChange& change) {
     event.add("change", Json::string(!change.before  ? "added"
                                      : !change.after ? "removed"
                                                      : "set"));
-    if (change.before) event.add("old", rowJson(*change.before, {}));
+    if (change.before)
+      event.add("old", rowJson(*change.before, change.hopsBefore.value_or(RowHops())));
     if (change.after) event.add("new", rowJson(*change.after, change.hops));
     return print(event);
   }
@@ -143,7 +160,7 @@ void EventLog::change(const std::string& path, const RowChange& change) {
   context_.out << timestamp(false) << "  " << path << "  " << style.paint(colour, sign)
                << " " << style.paint(Style::key, change.member) << " " << change.key
                << "  " << rowWords(change) << '\n';
-  if (style.detail && change.after)
+  if (style.detail && change.after && !change.hopsBefore)
     for (const std::string& line : rowDetails(*change.after, change.hops))
       context_.out << line << '\n';
 }

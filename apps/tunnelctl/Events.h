@@ -36,6 +36,8 @@ struct RowChange {
   const Tunnel::TunnelTable::TunnelTableEntry* before;
   const Tunnel::TunnelTable::TunnelTableEntry* after;
   RowHops hops;  // of the row as it is now
+  // Of the row as it was, when others are told; the row may be the same.
+  std::optional<RowHops> hopsBefore{};
 };
 
 // Prints what a monitor tells: lines for people, or an object on each line.

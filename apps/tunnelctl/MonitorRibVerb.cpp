@@ -3,6 +3,7 @@
 
 #include "Kop/Exception.h"
 #include "apps/tunnelctl/Events.h"
+#include "apps/tunnelctl/HopWatch.h"
 #include "apps/tunnelctl/Tables.h"
 
 namespace Tunnelctl {
@@ -16,7 +17,8 @@ std::string str(const Kop::String& text) {
   return {text.data(), text.size()};
 }
 
-// Tells which tunnel is the best one of each endpoint, and what becomes of it.
+// Tells which tunnel is the best one of each endpoint, and what becomes of it; with details
+// also of its next hops.
 class RibMonitor {
  public:
   RibMonitor(const Context& context, const MonitorOptions& options)
@@ -25,6 +27,7 @@ class RibMonitor {
         log_(context),
         end_(options),
         tables_(context),
+        hops_(tables_),
         rib_(tables_.directory()) {
     if (!options.prefix.empty()) within_ = readPrefixArgument("PATH", options.prefix);
   }
@@ -48,29 +51,55 @@ class RibMonitor {
   }
 
  private:
+  struct Best {
+    std::string agent;
+    std::string row;  // in its binary form
+    RowHops hops;
+  };
+
   void update(bool tells) {
-    for (const IpGenPrefix& endpoint : rib_.update()) {
-      if (within_ && !isInside(endpoint, *within_)) continue;
-      const auto rows = rib_.rows(endpoint);
-      const auto known = best_.find(endpoint);
-      const bool was = known != best_.end();
-      if (rows.empty() && !was) continue;
-      const TunnelTableEntry* const now = rows.empty() ? nullptr : &rows.front().entry;
-      if (was && now && known->second == packed(*now)) continue;
-      if (tells) {
-        std::optional<TunnelTableEntry> before;
-        if (was) before = unpacked(known->second);
-        log_.change("rib", {"best", str(endpoint.stringValue()),
-                            Json::string(str(endpoint.stringValue())),
-                            before ? &*before : nullptr, now,
-                            now ? hops(rows.front()) : RowHops()});
-      }
-      if (now)
-        best_.insert_or_assign(endpoint, packed(*now));
-      else
-        best_.erase(known);
+    for (const IpGenPrefix& endpoint : rib_.update())
+      update(endpoint, tells);
+    if (context_.style.detail) {
+      hops_.update();
+      std::vector<IpGenPrefix> endpoints;
+      if (hops_.anyChanged())
+        for (const auto& [endpoint, best] : best_)
+          if (hops_.hasChanged(best.agent, unpacked(best.row)))
+            endpoints.push_back(endpoint);
+      for (const IpGenPrefix& endpoint : endpoints)
+        update(endpoint, tells);
     }
     tellFaults();
+  }
+
+  void update(const IpGenPrefix& endpoint, bool tells) {
+    if (within_ && !isInside(endpoint, *within_)) return;
+    const auto rows = rib_.rows(endpoint);
+    const auto known = best_.find(endpoint);
+    const bool was = known != best_.end();
+    if (rows.empty() && !was) return;
+    Best now;
+    if (!rows.empty())
+      now = {rows.front().table->agent, packed(rows.front().entry), hops(rows.front())};
+    const bool otherRow = !was || rows.empty() || known->second.row != now.row;
+    // Hops that are on their way are told when all have arrived.
+    const bool otherHops = was && !rows.empty() && now.hops.known &&
+                           known->second.hops.hops != now.hops.hops;
+    if (!otherRow && !otherHops) return;
+    if (tells) {
+      std::optional<TunnelTableEntry> before;
+      if (was) before = unpacked(known->second.row);
+      log_.change(
+          "rib",
+          {"best", str(endpoint.stringValue()), Json::string(str(endpoint.stringValue())),
+           before ? &*before : nullptr, rows.empty() ? nullptr : &rows.front().entry,
+           now.hops, otherHops ? std::optional(known->second.hops) : std::nullopt});
+    }
+    if (rows.empty())
+      best_.erase(known);
+    else
+      best_.insert_or_assign(endpoint, std::move(now));
   }
 
   RowHops hops(const Agent::RibView::Row& row) {
@@ -119,9 +148,10 @@ class RibMonitor {
   EventLog log_;
   MonitorEnd end_;
   Tables tables_;
+  HopWatch hops_;
   Agent::RibView rib_;
   std::optional<IpGenPrefix> within_;
-  std::map<IpGenPrefix, std::string> best_;  // rows in their binary form
+  std::map<IpGenPrefix, Best> best_;
   std::map<std::string, std::string> faults_;
 };
 
