@@ -26,6 +26,11 @@ long allocationsUntilFailure = -1;
 void* operator new(std::size_t size) {
   return allocate(size, 1);
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+  return allocate(size, 1);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 void* operator new(std::size_t size, std::align_val_t align) {
   return allocate(size, static_cast<std::size_t>(align));
 }
