@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Kop/NboAttrLogSa.h"
 #include "Trace/Trace.h"
+#include "tests/Kop/LogLink.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {
@@ -310,34 +310,6 @@ TEST(NexthopHwTunnels, byThePlatformsKey) {
   EXPECT_EQ(table->entryCount(), 0u);
 }
 
-// One entity's changes carried to another in process.
-template <class T>
-class Replica {
- public:
-  Replica(const Kop::Ptr<T>& from, const Kop::Ptr<T>& to)
-      : writer_(out_, from, Session::writes),
-        reader_(in_, to, Session::reads, from->identity()) {
-    writer_.resync();
-  }
-  void carry() {
-    do {
-      const std::vector<U8> bytes(out_.out().data(),
-                                  out_.out().data() + out_.out().size());
-      out_.out().consume(bytes.size());
-      for (std::size_t at = 0, size = 0; at < bytes.size(); at += 4 + size) {
-        size = U64{bytes[at]} << 24 | U64{bytes[at + 1]} << 16 | U64{bytes[at + 2]} << 8 |
-               bytes[at + 3];
-        in_.received({bytes.data() + at + 4, size});
-      }
-    } while (!writer_.process() || !out_.out().empty());
-  }
-
- private:
-  using Session = Kop::NboAttrLog::Session;
-  Kop::NboAttrLog::Stream out_, in_;
-  Session writer_, reader_;
-};
-
 template <class Map>
 std::string textOf(const Map& map) {
   std::string text;
@@ -356,8 +328,9 @@ TEST(TunnelTablesReplicated, baseAndDerivedAttributes) {
   const auto hw = nexthopHwTunnelTableFactory("a"),
              hwCopy = nexthopHwTunnelTableFactory("b");
   hops->entryIs(id(500), sample<NexthopTunnelL3Info>(random));
-  Replica hopsLink(hops, hopsCopy);
-  Replica hwLink(hw, hwCopy);
+  Sample::Link hopsLink(hops, hopsCopy), hwLink(hw, hwCopy);
+  hopsLink.writer.resync();
+  hwLink.writer.resync();
   for (int i = 0; i < 300; ++i) {
     const auto key = id(random() % 20);
     switch (random() % 8) {
@@ -373,8 +346,8 @@ TEST(TunnelTablesReplicated, baseAndDerivedAttributes) {
         break;
     }
     if (random() % 4 != 0) continue;
-    hopsLink.carry();
-    hwLink.carry();
+    hopsLink.drain();
+    hwLink.drain();
     ASSERT_EQ(textOf(hops->entry()), textOf(hopsCopy->entry()));
     ASSERT_EQ(hops->nextAvailableIndex(), hopsCopy->nextAvailableIndex());
     ASSERT_EQ(hops->tableType(), hopsCopy->tableType());
@@ -388,10 +361,11 @@ TEST(TunnelTablesReplicated, baseAndDerivedAttributes) {
 TEST(TunnelTablesReplicated, namesByType) {
   const auto all = protocolTunnelNameStatusFactory("a"),
              copy = protocolTunnelNameStatusFactory("b");
-  Replica link(all, copy);
+  Sample::Link link(all, copy);
+  link.writer.resync();
   all->localTunnelNameStatusIs(ldpTunnel)->addTunnelIdNamePair(id(1), "one");
   all->localTunnelNameStatusIs(static_cast<TunnelType>(40));
-  link.carry();
+  link.drain();
   EXPECT_EQ(copy->localTunnelNameStatusCount(), 2u);
   EXPECT_EQ(copy->localTunnelNameStatus(static_cast<TunnelType>(40))->name(), "40");
   const auto names = copy->localTunnelNameStatus(ldpTunnel);
@@ -400,7 +374,7 @@ TEST(TunnelTablesReplicated, namesByType) {
   EXPECT_EQ(names->tunnelNameToId("one"), id(1));
   EXPECT_TRUE(names->tunnelIdNamePairHas(TunnelIdNamePair(id(1), "one")));
   all->localTunnelNameStatusDel(ldpTunnel);
-  link.carry();
+  link.drain();
   EXPECT_FALSE(copy->localTunnelNameStatusHas(ldpTunnel));
 }
 
