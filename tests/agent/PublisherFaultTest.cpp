@@ -177,14 +177,22 @@ TEST(PublisherFault, aFullTableChangesNothing) {
     const Path path = pathOf(srTunnel, "path " + std::to_string(count), 1, count);
     text = refusalOf<Quarn::TableException>([&] { tell(path); });
   }
-  // Longer rows find no room either, in a while; then a path does not become longer.
+  // Longer rows find no room either, in a while.
   std::string longer = "taken";
   for (U32 i = 0; longer == "taken" && i < 200'000; ++i) {
     const std::string name = std::string(100, 'x') + std::to_string(i);
     longer =
         refusalOf<Quarn::TableException>([&] { tell(pathOf(srTunnel, name, 2, i)); });
   }
+  // Nor do changed ones, which are not written where they stand.
+  std::string changed = "taken";
+  for (U32 i = 2; changed == "taken" && i < 400 && i <= count; ++i) {
+    const std::string name = "path " + std::to_string(count - i);
+    changed =
+        refusalOf<Quarn::TableException>([&] { tell(pathOf(srTunnel, name, 3, 7 + i)); });
+  }
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_TRUE(has(changed, database.shm(srTunnel))) << changed;
   EXPECT_TRUE(has(text, database.shm(srTunnel))) << text << " after " << count;
   EXPECT_TRUE(has(longer, database.shm(srTunnel))) << longer;
   const Path last = pathOf(srTunnel, "path " + std::to_string(count - 1), 1, count - 1);
