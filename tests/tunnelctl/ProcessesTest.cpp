@@ -74,7 +74,8 @@ TEST_F(ProcessesThreads, staticTunnelsAreShownAsTheyWereApplied) {
               HasSubstr("nothing changed"));
   const std::string text = ctl({"show", "tunnel"}).out;
   EXPECT_THAT(text, HasSubstr("192.0.2.1 Ethernet1 push[100016]: true, "));
-  EXPECT_THAT(text, HasSubstr("checksumFlag|keyFlag"));
+  EXPECT_THAT(text,
+              HasSubstr("protocol 2048, oFlags checksumFlag|keyFlag, iFlags keyFlag"));
   EXPECT_THAT(text, HasSubstr("igpMetric 4000000000"));
 
   std::ifstream in(tunnels);
