@@ -267,10 +267,11 @@ TEST_F(TablesThreads, monitorSurvivesOverrunAndRestart) {
   EXPECT_EQ(monitor->end(SIGTERM), 0) << monitor->err();
 }
 
-// Catches a best tunnel that changed without being told.
+// Catches a best tunnel that changed without being told, also one whose row stays as it is
+// because only its next hops are others.
 TEST_F(TablesThreads, monitorFollowsTheBestOfEachEndpoint) {
   tellAll();
-  auto monitor = startMonitor({"--rib", "10.0.0.0/8"});
+  auto monitor = startMonitor({"-d", "--rib", "10.0.0.0/8"});
   EXPECT_THAT(monitor->out(), Not(HasSubstr("2001:db8")));
   const auto sees = [&](const std::string& text) {
     EXPECT_TRUE(eventually([&] {
@@ -284,6 +285,12 @@ TEST_F(TablesThreads, monitorFollowsTheBestOfEachEndpoint) {
       "~ best 10.0.0.1/32  tunnel LDP tunnel index 1 -> IS-IS SR tunnel index 1, "
       "preference "
       "55 -> 65, metric 100 -> 20");
+  Agent::Path first = path(srTunnel, "node-1", "10.0.0.1/32", 20);
+  first.nextHops = {hop("10.1.0.1", "Ethernet1", {16001})};
+  tell(first);
+  sees(
+      "~ best 10.0.0.1/32  next hops 10.1.0.1 Ethernet1 push 16001, "
+      "10.1.0.5 Ethernet2 push 16002 16001 -> 10.1.0.1 Ethernet1 push 16001\n");
   tell(path(srTunnel, "node-10", "10.0.0.2/32", 6));
   sees("~ best 10.0.0.2/32  metric 5 -> 6, bandwidth 1.5 -> 0.0");
   publisher_->pathDel(srTunnel, "node-10");
