@@ -14,7 +14,8 @@
 // Names    a '/' and 1 to 254 bytes without another; Kop::RangeException otherwise.
 // Writer   one at a time: it holds a lock on the object that the kernel drops when the process
 //          ends, however it ends. The next writer finds every row that was completed, and a
-//          change that was under way either made or not made.
+//          change that was under way either made or not made. A child that the process forks
+//          holds the lock as well, until it executes another program or ends.
 // Readers  copy a row out and know that the copy is one version of the row that stood in the
 //          table between the call and its return. They never wait for the writer, and a dead
 //          writer leaves nothing that they would stumble over. A row is not written where it

@@ -322,9 +322,9 @@ struct TableReaderCore::Walk::State {
   void prefetch() {
     const U64 word = load(impl.object.at(placeOf(at + walkAhead)));
     const U64 slot = slotOf(word);
-    if (!impl.object.has(slot, 128)) return;
-    __builtin_prefetch(impl.object.at(slot));
-    __builtin_prefetch(impl.object.at(slot + 64));
+    if (!impl.object.has(slot, 3 * 64)) return;
+    for (U64 line = 0; line < 3; ++line)
+      __builtin_prefetch(impl.object.at(slot + line * 64));
   }
   bool wasGiven(U64 key, U64 stamp) const {
     return (again || stamp > changes) &&
