@@ -212,8 +212,9 @@ class Monitor {
     watch.forEach([&](U64 key, const TunnelTableEntry& row) { rows.add(key, row); });
     rows.sort(rows.count());
     Columns columns;
-    if (!context_.style.brief && rows.count() > 0)
-      columns.row(rowHeading(context_.style));
+    const bool hasHeading =
+        !context_.style.json && !context_.style.brief && rows.count() > 0;
+    if (hasHeading) columns.row(rowHeading(context_.style));
     for (std::size_t i = 0; i < rows.count(); ++i) {
       const TunnelTableEntry row = rows.row(i);
       const RowHops hops = hopsOf(path, row);
@@ -227,9 +228,9 @@ class Monitor {
       columns.row(rowCells(context_.style, row, hops));
       if (context_.style.detail)
         for (const std::string& line : rowDetails(row, hops))
-          columns.line("  " + line);
+          columns.line(line);
     }
-    columns.print(context_.out, context_.style, !context_.style.brief, 2);
+    columns.print(context_.out, context_.style, hasHeading, 2);
   }
 
   RowWatch::Sink rowSink(const std::string& path) {

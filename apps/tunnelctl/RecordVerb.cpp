@@ -114,6 +114,8 @@ int record(const Context& context, const RecordOptions& options) {
     std::string error = record.error;
     if (record.errors > 1)
       error += "; " + std::to_string(record.errors - 1) + " more bad fields";
+    if (record.errors > 0)
+      error += "; " + std::to_string(rest.size()) + " bytes are there";
     if (error.empty() && !options.all && record.size < rest.size())
       error = "the record ends at offset " + std::to_string(record.size) + ", but " +
               std::to_string(rest.size()) +

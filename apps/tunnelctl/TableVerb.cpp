@@ -245,7 +245,8 @@ int verifyTables(const Context& context, Tables& tables, const std::string& name
       context.out << printable(tableName) << ": " << faults.count - faults.texts.size()
                   << " more faults\n";
     if (faults.count == 0 && !context.style.brief)
-      context.out << printable(tableName) << ": " << rows << " rows, no fault\n";
+      context.out << printable(tableName) << ": " << rows
+                  << (rows == 1 ? " row, no fault\n" : " rows, no fault\n");
   }
   array.finish();
   tables.needAllRead();

@@ -147,7 +147,7 @@ TEST(Record, badRecordsAreToldByField) {
       {"TunnelTableEntry",          head + "00000000 00000000",                        0, "LDP tunnel index 5"                                                     },
       {"TunnelTableEntry",          head + "00000000 02000000 5231",                   0, "name             R1\n"                                                  },
       {"TunnelTableEntry",          head + "11000000",                                 1,
-       "endpoint count at offset 25: found 17, allowed 0 to 16"                                                                                                    },
+       "endpoint count at offset 25: found 17, allowed 0 to 16; 29 bytes are there"                                                                                },
       {"TunnelTableEntry",          head + "02000000" + address,                       1,
        "found 2, which takes 48 bytes, but 20 are left of 49"                                                                                                      },
       {"TunnelTableEntry",          head + "00000000 81000000",                        1,

@@ -1,3 +1,5 @@
+#include <sstream>
+
 #include <gmock/gmock.h>
 
 #include "Quarn/Table.h"
@@ -264,6 +266,9 @@ TEST_F(TablesThreads, monitorSurvivesOverrunAndRestart) {
   publisher_ = std::make_unique<Agent::Publisher>(options);
   tell(path(srTunnel, "again", "10.0.0.1/32", 77));
   sees("\"name\":\"again\"");
+  std::istringstream lines(monitor->out());
+  for (std::string line; std::getline(lines, line);)
+    EXPECT_NO_THROW(parseJson(line)) << line;
   EXPECT_EQ(monitor->end(SIGTERM), 0) << monitor->err();
 }
 
