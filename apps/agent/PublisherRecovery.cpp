@@ -15,10 +15,10 @@ namespace Agent {
 
 Publisher::Impl::Impl(Options&& given)
     : options(std::move(given)), client([&] {
-        Hivel::ClientOptions client;
-        client.socketPath = options.socketPath;
-        client.name = options.agent;
-        return client;
+        Hivel::ClientOptions wanted;
+        wanted.socketPath = options.socketPath;
+        wanted.name = options.agent;
+        return wanted;
       }()) {
   using Mode = Hivel::Mode;
   const std::string& agent = options.agent;
