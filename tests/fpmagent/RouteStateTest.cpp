@@ -224,6 +224,23 @@ TEST_F(FpmState, refusesAndCountsBeyondTheLimits) {
   tell({deleted(group(3, {}))});
   tell({routeVia(2), switchedPath(21, 187, {pushing(1), pushing(2)})});
   EXPECT_EQ(sink.paths.size(), 2u);
+  tell({object(5, {pushing(16)})});
+  EXPECT_EQ(state->events().refusedNextHops, 2u);
+}
+
+// Catches a path of an earlier stream that is used although its route is known to be gone,
+// and one that is withdrawn by an update.
+TEST_F(FpmState, whatAnEarlierStreamLeftGoesWhenItIsSeenToBeGone) {
+  tell({switchedPath(20, 187, {pushing(1)}), switchedPath(21, 187, {pushing(1)}),
+        switchedPath(22, 187, {pushing(1)})});
+  sink.mark();
+  state.emplace(sink, options);
+  const U64 changes = sink.changes;
+  tell({deleted(switchedPath(22, 0, {})), switchedPath(22, 187, {pushing(1)})});
+  EXPECT_EQ(sink.changes, changes);
+  tell({deleted(switchedPath(20, 0, {})), switchedPath(21, 196, {pushing(1)})});
+  EXPECT_EQ(sink.paths.size(), 2u);
+  EXPECT_TRUE(sink.paths.contains({5, "static-label-21"}));
 }
 
 // Catches a path that cannot be a tunnel and stops the stream, or is published in part.
