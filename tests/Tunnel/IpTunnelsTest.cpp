@@ -5,6 +5,7 @@
 namespace Tunnel {
 namespace {
 
+using Samples::Fold;
 using Vantor::IntfId;
 using Vantor::IpGenAddr;
 
@@ -104,22 +105,6 @@ TEST(IpTunnelTexts, flagsAndNames) {
 
 // Catches a field folded in at another width, or a base whose fields are folded in anew.
 TEST(IpTunnelHashes, byHand) {
-  struct Fold {
-    U32 h = 0;
-    Fold& number(U32 value, int bytes) {
-      for (; bytes > 0; --bytes, value /= 256) {
-        h += value & 0xff;
-        h += h * 1024;
-        h ^= h / 64;
-      }
-      return *this;
-    }
-    U32 end() const {
-      U32 end = h * 9;
-      end ^= end / 2048;
-      return end * 32769;
-    }
-  };
   const auto addr = [](U32 last) {
     Fold fold;
     fold.number(10, 3).number(last, 1);

@@ -17,6 +17,26 @@
 
 namespace Samples {
 
+// One-at-a-time, written once more: what hashes are compared with.
+struct Fold {
+  Fold& number(U32 value, int bytes) {
+    for (; bytes > 0; --bytes, value /= 256) {
+      h += value & 0xff;
+      h += h * 1024;
+      h ^= h / 64;
+    }
+    return *this;
+  }
+  Fold& byte(U32 value) { return number(value, 1); }
+  Fold& word(U32 value) { return number(value, 4); }
+  U32 end() const {
+    U32 end = h * 9;
+    end ^= end / 2048;
+    return end * 32769;
+  }
+  U32 h = 0;
+};
+
 constexpr U32 seed = 20181;  // printed by who loops over it
 using Random = std::mt19937;
 

@@ -313,20 +313,8 @@ TEST(ValueHashes, knownAnswers) {
   EXPECT_EQ(hashOf(DynamicTunnelIntfId(Vantor::IntfId("Vlan1"))),
             Vantor::IntfId("Vlan1").hash());
   const Decap::DecapIntfKey key(Vantor::IntfId("Vlan1"), Vantor::ipv6);
-  U32 h = 0;
-  const auto feed = [&](U32 number) {
-    for (int i = 0; i < 4; ++i) {
-      h += number >> (8 * i) & 0xff;
-      h += h << 10;
-      h ^= h >> 6;
-    }
-  };
-  feed(Vantor::IntfId("Vlan1").hash());
-  feed(2);
-  h += h << 3;
-  h ^= h >> 11;
-  h += h << 15;
-  EXPECT_EQ(key.hash(), h);
+  EXPECT_EQ(key.hash(),
+            Samples::Fold().word(Vantor::IntfId("Vlan1").hash()).word(2).end());
 }
 
 }  // namespace
