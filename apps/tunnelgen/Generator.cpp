@@ -237,6 +237,7 @@ void Generator::publish() {
 bool Generator::wait(const std::function<bool()>& predicate, Clock::time_point end) {
   for (;;) {
     if (stop_) return false;
+    if (!report_.isWritten()) throw Failure("standard output cannot be written");
     const auto left = end - Clock::now();
     if (left <= Clock::duration::zero()) {
       target_->work();
@@ -259,7 +260,7 @@ void Generator::change(Failures::Step step) {
   target_->acknowledge([this, begin, step, change, told](bool applied) {
     --outstanding_;
     waitsSince_ = Clock::now();
-    if (!applied) throw Failure("the database refused a change");
+    if (!applied) isRefused_ = true;
     const auto time = Clock::now() - begin;
     latencies_.add(static_cast<U64>(
         std::chrono::duration_cast<std::chrono::microseconds>(time).count()));
@@ -290,6 +291,7 @@ void Generator::change(Failures::Step step) {
 void Generator::answers(U64 most) {
   const auto patience = std::chrono::duration_cast<Clock::duration>(settings_.timeout);
   while (outstanding_ > 0 && !stop_) {
+    if (isRefused_) throw Failure("the database refused a change");
     if (Clock::now() - waitsSince_ >= patience)
       throw Failure(fmt::format("the database did not acknowledge a change within {:g} s",
                                 settings_.timeout.count()));

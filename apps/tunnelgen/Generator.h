@@ -75,6 +75,7 @@ class Generator {
 
   // Of the changes of links.
   U64 made_ = 0, told_ = 0, deleted_ = 0, outstanding_ = 0;
+  bool isRefused_ = false;
   std::chrono::steady_clock::time_point waitsSince_;  // for the next acknowledgement
   Latencies latencies_;
 };

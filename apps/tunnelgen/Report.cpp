@@ -46,6 +46,10 @@ void Report::event(const std::string& name,
   out_ << buffer.GetString() << std::endl;
 }
 
+bool Report::isWritten() const {
+  return out_.good();
+}
+
 std::string grouped(U64 number) {
   std::string digits = std::to_string(number);
   for (std::size_t at = digits.size(); at > 3; at -= 3)

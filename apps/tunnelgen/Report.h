@@ -20,6 +20,7 @@ class Report {
   Report(std::ostream& out, bool json) : out_(out), json_(json) {}
 
   void event(const std::string& name, const std::string& text, const Fields& fields);
+  bool isWritten() const;  // false once the output has failed, as a closed pipe does
 
  private:
   std::ostream& out_;

@@ -190,9 +190,8 @@ void ShortestPaths::lower(Row& row, U32 router, U32 cost) {
     const auto [least, at] = pop();
     if (least != row.cost[at]) continue;
     for (const Arc& arc : arcs(at)) {
-      if (!up_[arc.link] || least + arc.metric > row.cost[arc.to]) continue;
+      if (!up_[arc.link] || least + arc.metric >= row.cost[arc.to]) continue;
       touch(arc.to);
-      if (least + arc.metric == row.cost[arc.to]) continue;
       row.cost[arc.to] = least + arc.metric;
       push(least + arc.metric, arc.to);
     }

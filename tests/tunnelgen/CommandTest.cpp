@@ -266,20 +266,31 @@ TEST_F(CommandThreads, othersReadWhatIsPublished) {
   EXPECT_TRUE(seen(Tunnel::TunnelTable::srTunnel).empty());
 }
 
-// Catches a signal that leaves the tunnels of a change half told, and a database that goes
-// away for good and is waited for without end.
+// Catches tunnels that a signal in the midst of changes leaves without their next hops, a
+// database that returns without them, and one that is waited for without end.
 TEST_F(CommandThreads, endsInTheMidstOfChanges) {
+  const auto says = [&](Process& process, const char* text) {
+    return eventually([&] { return process.output().find(text) != std::string::npos; });
+  };
   auto failing = start({abilene, "--kind", "ldpTunnel", "--fail-rate", "500/s"});
-  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(says(*failing, "published")) << failing->output();
+  std::this_thread::sleep_for(50ms);
   EXPECT_EQ(failing->end(SIGINT), 0) << failing->output();
-  EXPECT_THAT(failing->output(), HasSubstr("left down"));
+  EXPECT_THAT(failing->output(), HasSubstr("ending on a signal"));
   EXPECT_FALSE(seen(Tunnel::TunnelTable::ldpTunnel).empty());
   EXPECT_EQ(start({abilene, "--kind", "ldpTunnel", "--withdraw"})->join(), 0);
 
+  // One link at a time cuts nobody off here.
+  auto survivor = start({abilene, "--fail-rate", "50", "--down", "1"});
+  ASSERT_TRUE(says(*survivor, "published")) << survivor->output();
+  daemon_.reset();
+  startDaemon();
+  EXPECT_TRUE(says(*survivor, "the database is back")) << survivor->output();
+  EXPECT_EQ(survivor->end(SIGINT), 0) << survivor->output();
+  EXPECT_EQ(seen(Tunnel::TunnelTable::srTunnel).size(), 110u);
+
   auto orphan = start({abilene, "--fail-rate", "50", "--timeout", "0.5"});
-  EXPECT_TRUE(eventually([&] {
-    return orphan->output().find("published") != std::string::npos;
-  })) << orphan->output();
+  ASSERT_TRUE(says(*orphan, "published")) << orphan->output();
   daemon_.reset();
   EXPECT_EQ(orphan->join(), 1);
   EXPECT_THAT(orphan->output(), HasSubstr("the database is lost: "));
