@@ -247,7 +247,9 @@ class Monitor {
 
   void pollRows() {
     if (!marked_) return;
-    for (auto& [path, followed] : followed_) {
+    for (auto& [key, value] : followed_) {
+      const std::string& path = key;
+      Followed& followed = value;
       if (!followed.rows || !followed.watch) continue;
       const RowWatch::Sink sink = rowSink(path);
       const bool isGone = followed.rows->isRemoved();
