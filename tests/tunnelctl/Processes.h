@@ -67,8 +67,9 @@ class Process {
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
+  void send(int signal) { kill(pid_, signal); }
   int end(int signal) {
-    kill(pid_, signal);
+    send(signal);
     return join();
   }
   std::string out() const { return contents(output_ + ".out"); }
