@@ -36,7 +36,7 @@ class TUNNEL_EXPORT TunnelTableInfo : public Kop::Value<TunnelTableInfo> {
   KOP_VALUE(TunnelTableInfo);
 
   KOP_ATTR(2, Kop::String, tableName);
-  KOP_ATTR(3, Kop::String, tableType);  // for people; not the name of an enumerator
+  KOP_ATTR(3, Kop::String, tableType);  // what its writer calls the kind of its tunnels
   KOP_ATTR(4, Kop::String, mountPath);
 
  public:

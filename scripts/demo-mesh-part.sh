@@ -15,13 +15,17 @@ published=yes
 }
 indent <"$directory/mesh"
 echo
-read_began=$(milliseconds)
 ctl --timeout 600 table | indent
+read_began=$(milliseconds)
 ctl --timeout 600 --brief rib >"$directory/rib" || give_up 'the RIB could not be read'
 echo
 echo "  Another process reads the best tunnel of $(wc -l <"$directory/rib") end points; the first:"
 head -n 3 "$directory/rib" | indent
-echo "  (listing the tables and this in $(($(milliseconds) - read_began)) ms)"
+echo "  (in $(($(milliseconds) - read_began)) ms)"
+told=$(sed -n 's/^published *\([0-9,]*\) tunnels .*/\1/p' "$directory/mesh" | tr -d ,)
+rows=$(ctl --timeout 600 --brief table srTunnelTable | wc -l)
+echo "  and $rows rows of the $told tunnels that were published"
+[ "$rows" = "$told" ] || give_up 'rows are missing'
 ctl --timeout 600 table srTunnelTable --verify >"$directory/verified" 2>&1 || {
   cat "$directory/verified" >&2
   give_up 'the table is damaged'
