@@ -46,6 +46,8 @@ endif()
 # What a user runs: commands and the type libraries that they load by name.
 add_custom_target(commands)
 add_custom_target(benchmarks)
+# The test programs that have suites for the thread sanitizer.
+add_custom_target(thread_tests)
 
 set_property(GLOBAL PROPERTY HOUSE_LIBRARIES "")
 set_property(GLOBAL PROPERTY HOUSE_HEADERS "")
@@ -260,6 +262,13 @@ function(house_test library)
   if(arg_RUNS)
     add_dependencies(${name} ${arg_RUNS})
   endif()
+  foreach(source IN LISTS arg_SOURCES)
+    cmake_path(ABSOLUTE_PATH source)
+    file(STRINGS ${source} suites REGEX "^(TYPED_)?TEST(_F|_P)?\\([A-Za-z]*Threads")
+    if(suites)
+      add_dependencies(thread_tests ${name})
+    endif()
+  endforeach()
   gtest_discover_tests(${name} TEST_PREFIX ${library}. DISCOVERY_MODE PRE_TEST
                        DISCOVERY_TIMEOUT 60 TEST_FILTER "-*Threads*.*"
                        PROPERTIES TIMEOUT 120)

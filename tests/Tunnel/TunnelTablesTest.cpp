@@ -18,7 +18,10 @@ using Events = std::vector<std::string>;
 
 // Writes down the numbers of the attributes that it hears of.
 struct Watch : Kop::Notifiee {
-  explicit Watch(Kop::Entity& entity) { entity.notifieeAdd(this); }
+  explicit Watch(Kop::Entity& entity) : entity_(entity) { entity.notifieeAdd(this); }
+  ~Watch() override { entity_.notifieeDel(this); }
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
   void onAttribute(Kop::AttributeId attribute) override {
     events.push_back(std::to_string(attribute));
   }
@@ -27,6 +30,9 @@ struct Watch : Kop::Notifiee {
   }
   Events taken() { return std::exchange(events, {}); }
   Events events;
+
+ private:
+  Kop::Entity& entity_;
 };
 
 // Takes the lines of a level of the default handle while it lives.
