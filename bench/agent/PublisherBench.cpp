@@ -249,13 +249,13 @@ void startAgain(benchmark::State& state) {
 }
 
 #define SIZES Arg(100'000)->Arg(500'000)->UseManualTime()->Unit(benchmark::kMillisecond)
-BENCHMARK(publish<fresh>)->Name("new")->SIZES;
-BENCHMARK(keepInMap<fresh>)->Name("new/peer")->SIZES;
-BENCHMARK(publish<equal>)->Name("equal")->SIZES;
-BENCHMARK(keepInMap<equal>)->Name("equal/peer")->SIZES;
-BENCHMARK(publish<changed>)->Name("changed")->SIZES;
-BENCHMARK(keepInMap<changed>)->Name("changed/peer")->SIZES;
-BENCHMARK(startAgain)->Name("startAgain")->SIZES;
+BENCHMARK(publish<fresh>)->Name("pathNew/ours")->SIZES;
+BENCHMARK(keepInMap<fresh>)->Name("pathNew/map")->SIZES;
+BENCHMARK(publish<equal>)->Name("pathEqual/ours")->SIZES;
+BENCHMARK(keepInMap<equal>)->Name("pathEqual/map")->SIZES;
+BENCHMARK(publish<changed>)->Name("pathChanged/ours")->SIZES;
+BENCHMARK(keepInMap<changed>)->Name("pathChanged/map")->SIZES;
+BENCHMARK(startAgain)->Name("pathsAgain/ours")->SIZES;
 
 }  // namespace
 }  // namespace Agent

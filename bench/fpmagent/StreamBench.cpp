@@ -116,9 +116,9 @@ void followAgain(benchmark::State& state) {
   done(state, frames);
 }
 
-BENCHMARK(walkLengths);
-BENCHMARK(decodeFrames);
-BENCHMARK(followStream);
-BENCHMARK(followAgain);
+BENCHMARK(walkLengths)->Name("fpmStream/walk_lengths");
+BENCHMARK(decodeFrames)->Name("fpmStream/decode_only");
+BENCHMARK(followStream)->Name("fpmStream/ours");
+BENCHMARK(followAgain)->Name("fpmStream/told_again");
 
 }  // namespace

@@ -107,9 +107,18 @@ void oneLink(benchmark::State& state) {
       static_cast<double>(changed), benchmark::Counter::kAvgIterations);
 }
 
-BENCHMARK(allPaths)->Arg(100)->Arg(750)->Unit(benchmark::kMillisecond);
-BENCHMARK(allPathsBoost)->Arg(100)->Arg(750)->Unit(benchmark::kMillisecond);
+BENCHMARK(allPaths)
+    ->Name("allPaths/ours")
+    ->Arg(100)
+    ->Arg(750)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(allPathsBoost)
+    ->Name("allPaths/boost")
+    ->Arg(100)
+    ->Arg(750)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(oneLink)
+    ->Name("oneLink/ours")
     ->ArgNames({"routers", "deep"})
     ->Args({100, 0})
     ->Args({750, 0})
