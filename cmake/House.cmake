@@ -243,12 +243,10 @@ function(house_test library)
   set(name ${lower}_tests)
   add_executable(${name} ${arg_SOURCES})
   house_flags(${name})
-  # What is tested is in the libraries. Optimising the tests themselves takes most of a build:
-  # 101 s instead of 24 s for the worst source under the sanitizers.
+  # What is tested is in the libraries. Under the sanitizers optimising the tests themselves
+  # takes most of a build: 101 s instead of 24 s for the worst source.
   if(HOUSE_SANITIZED)
     target_compile_options(${name} PRIVATE -O0)
-  elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
-    target_compile_options(${name} PRIVATE -O1)
   endif()
   target_link_libraries(${name} PRIVATE ${library} ${arg_DEPENDS} GTest::gmock
                         GTest::gtest GTest::gtest_main)

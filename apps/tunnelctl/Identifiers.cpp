@@ -159,18 +159,6 @@ Json nameOrNull(std::string_view name) {
   return name.empty() ? Json() : Json::string(std::string(name));
 }
 
-Json familyOf(TunnelId id) {
-  try {
-    switch (id.tunnelAf()) {
-      case Vantor::ipv4: return Json::string("IPv4");
-      case Vantor::ipv6: return Json::string("IPv6");
-      default: return Json();
-    }
-  } catch (const Kop::Exception&) {
-    return Json();
-  }
-}
-
 U64 needNumber(std::string_view argument, const std::string& text, U64 limit) {
   const auto number = readNumber(text);
   if (!number || *number > limit)
@@ -230,6 +218,18 @@ TunnelId readTunnelId(std::string_view text) {
                    "'DynamicTunnel3145728.5'");
 }
 
+Json familyJson(TunnelId id) {
+  try {
+    switch (id.tunnelAf()) {
+      case Vantor::ipv4: return Json::string("IPv4");
+      case Vantor::ipv6: return Json::string("IPv6");
+      default: return Json();
+    }
+  } catch (const Kop::Exception&) {
+    return Json();
+  }
+}
+
 Json describe(TunnelId id) {
   const TunnelType kind = id.tunnelType();
   const std::string text = str(id.typeCliStr());
@@ -240,7 +240,7 @@ Json describe(TunnelId id) {
   json.add("number", Json::number(U64{kind}));
   json.add("type", nameOrNull(text));
   json.add("index", Json::number(id.tunnelIndex()));
-  json.add("family", familyOf(id));
+  json.add("family", familyJson(id));
   json.add("algorithm", TunnelId::isFlexAlgoTunnelType(kind)
                             ? Json::number(U64{id.extractFlexAlgoId()})
                             : Json());
@@ -269,7 +269,7 @@ TunnelId makeTunnelId(const TunnelIdParts& parts) {
   if (parts.ipv6) {
     index |= TunnelIdConstants::tunnelAfMask;
     const TunnelId probe(TunnelId::convertToTunnelValue(*kind, index));
-    if (!familyOf(probe).is(Json::Kind::string))
+    if (!familyJson(probe).is(Json::Kind::string))
       throw UsageError("--ipv6: " + std::string(Kop::EnumOps<TunnelType>::name(*kind)) +
                        " has no IPv6 tunnels");
   }

@@ -23,6 +23,8 @@ std::optional<U64> readNumber(std::string_view text);
 // of a tunnel's interface.
 Tunnel::TunnelTable::TunnelId readTunnelId(std::string_view text);
 Json describe(Tunnel::TunnelTable::TunnelId id);
+// "IPv4" or "IPv6"; null for kinds without a family, and for one that does not exist.
+Json familyJson(Tunnel::TunnelTable::TunnelId id);
 
 struct TunnelIdParts {
   std::string kind;   // enumerator or command-line text, in any case

@@ -6,6 +6,7 @@
 
 #include "Kop/Exception.h"
 #include "Kop/Text.h"
+#include "apps/tunnelctl/Identifiers.h"
 
 namespace Tunnelctl {
 
@@ -36,18 +37,6 @@ bool isKind(TunnelType type) {
 
 std::string bandwidthText(TunnelBandwidth bandwidth) {
   return bandwidth.isPresent() ? str(Kop::strepOf(bandwidth.value())) : "-";
-}
-
-Json familyJson(TunnelId id) {
-  try {
-    switch (id.tunnelAf()) {
-      case Vantor::ipv4: return Json::string("IPv4");
-      case Vantor::ipv6: return Json::string("IPv6");
-      default: return Json();
-    }
-  } catch (const Kop::Exception&) {
-    return Json();
-  }
 }
 
 std::string nextHopCell(const TunnelTableEntry& row, const RowHops& hops) {

@@ -74,6 +74,13 @@ class TablesThreads : public ProcessesThreads {
     ASSERT_TRUE(publisher_->finish(10s));
   }
 
+  // Waits until a monitor has said it.
+  static void told(const Process& monitor, const std::string& text) {
+    EXPECT_TRUE(eventually([&] { return monitor.out().find(text) != std::string::npos; }))
+        << text << " in\n"
+        << monitor.out();
+  }
+
   std::unique_ptr<Agent::Publisher> publisher_;
 };
 
@@ -219,13 +226,7 @@ TEST_F(TablesThreads, monitorFollowsRows) {
   tellAll();
   auto monitor = startMonitor({"-d", "tunnel/table/srTunnelTable"});
   EXPECT_THAT(monitor->out(), HasSubstr("via 10.1.0.5  Ethernet2  push 16002 16001"));
-  const auto sees = [&](const std::string& text) {
-    EXPECT_TRUE(eventually([&] {
-      return monitor->out().find(text) != std::string::npos;
-    })) << text
-        << " in\n"
-        << monitor->out();
-  };
+  const auto sees = [&](const std::string& text) { told(*monitor, text); };
   Agent::Path changed = path(srTunnel, "node-2", "10.0.0.9/32", 30);
   tell(changed);
   sees("~ row IS-IS SR tunnel index 3  endpoint - -> 10.0.0.9/32, metric 10 -> 30\n");
@@ -244,13 +245,7 @@ TEST_F(TablesThreads, monitorFollowsRows) {
 TEST_F(TablesThreads, monitorSurvivesOverrunAndRestart) {
   tellAll();
   auto monitor = startMonitor({"-j", "tunnel/table/srTunnelTable"});
-  const auto sees = [&](const std::string& text) {
-    EXPECT_TRUE(eventually([&] {
-      return monitor->out().find(text) != std::string::npos;
-    })) << text
-        << " in\n"
-        << monitor->out();
-  };
+  const auto sees = [&](const std::string& text) { told(*monitor, text); };
   monitor->send(SIGSTOP);
   Agent::Path busy = path(srTunnel, "node-2", "", 10);
   for (U32 i = 0; i < 70'000; ++i) {
@@ -280,13 +275,7 @@ TEST_F(TablesThreads, monitorFollowsTheBestOfEachEndpoint) {
   tellAll();
   auto monitor = startMonitor({"-d", "--rib", "10.0.0.0/8"});
   EXPECT_THAT(monitor->out(), Not(HasSubstr("2001:db8")));
-  const auto sees = [&](const std::string& text) {
-    EXPECT_TRUE(eventually([&] {
-      return monitor->out().find(text) != std::string::npos;
-    })) << text
-        << " in\n"
-        << monitor->out();
-  };
+  const auto sees = [&](const std::string& text) { told(*monitor, text); };
   publisher_->pathDel(ldpTunnel, "ldp");
   sees(
       "~ best 10.0.0.1/32  tunnel LDP tunnel index 1 -> IS-IS SR tunnel index 1, "
