@@ -44,6 +44,9 @@ class Process {
     for (const std::string& word : command)
       argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
+    // Not left to the child: what an earlier command said must not be read as this one's.
+    std::filesystem::remove(output + ".out");
+    std::filesystem::remove(output + ".err");
     pid_ = fork();
     if (pid_ == 0) {
       const int out = open((output + ".out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
@@ -74,6 +77,7 @@ class Process {
   }
   std::string out() const { return contents(output_ + ".out"); }
   std::string err() const { return contents(output_ + ".err"); }
+  std::string said() const { return out() + err(); }
 
  private:
   std::string output_;

@@ -1,27 +1,16 @@
-#include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "apps/agent/Directory.h"
 #include "apps/tunnelgen/CommandLine.h"
 #include "apps/tunnelgen/GraphMl.h"
 #include "apps/tunnelgen/Mesh.h"
+#include "tests/tunnelctl/Processes.h"
 
 // The command in this process, and against the daemon in processes of their own.
 
@@ -31,6 +20,8 @@ namespace {
 using testing::HasSubstr;
 using namespace std::chrono_literals;
 using Tunnel::TunnelTable::TunnelType;
+using Tunnelctl::eventually;
+using Tunnelctl::Process;
 
 const std::string abilene = HOUSE_SOURCE_DIR "/examples/abilene.graphml";
 
@@ -94,62 +85,6 @@ TEST(Command, computesWithoutADatabase) {
   EXPECT_EQ(command({abilene, "--fail-rate", "10", "--hold"}, true).status, 0);
 }
 
-std::string contents(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-bool eventually(const std::function<bool()>& holds) {
-  const auto end = std::chrono::steady_clock::now() + 20s;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
-
-// A running command with its output in a file. Killed when it goes out of scope.
-class Process {
- public:
-  Process(const std::vector<std::string>& command, const std::string& output)
-      : output_(output) {
-    std::vector<char*> argv;
-    for (const std::string& word : command)
-      argv.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      const int out = open(output.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-      dup2(out, STDOUT_FILENO);
-      dup2(out, STDERR_FILENO);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-  }
-  ~Process() {
-    if (pid_ > 0) end(SIGKILL);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  // Its exit status, or 128 and the signal it died of.
-  int join() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  int end(int signal) {
-    kill(pid_, signal);
-    return join();
-  }
-  std::string output() const { return contents(output_); }
-
- private:
-  std::string output_;
-  pid_t pid_ = -1;
-};
-
 using Paths = std::map<std::string, Agent::Path>;
 
 struct Held final : Sink {
@@ -170,19 +105,18 @@ class CommandThreads : public testing::Test {
     startDaemon();
   }
   void startDaemon() {
-    std::filesystem::remove(directory_ + "/hiveld");
     daemon_ = std::make_unique<Process>(
         std::vector<std::string>{HOUSE_BIN_DIR "/hiveld", "--socket", socket_, "--types",
                                  HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0"},
         directory_ + "/hiveld");
     ASSERT_TRUE(eventually([&] {
-      return daemon_->output().find("listening") != std::string::npos;
-    })) << daemon_->output();
+      return daemon_->said().find("listening") != std::string::npos;
+    })) << daemon_->said();
   }
   void TearDown() override {
     if (!daemon_) startDaemon();
     const auto last = start({abilene, "--router", "sttl", "--withdraw"});
-    EXPECT_EQ(last->join(), 0) << last->output();
+    EXPECT_EQ(last->join(), 0) << last->said();
     EXPECT_FALSE(std::filesystem::exists(
         "/dev/shm" + Agent::shmName(socket_, Agent::tablePath("srTunnelTable"))));
     daemon_.reset();
@@ -244,8 +178,8 @@ TEST_F(CommandThreads, othersReadWhatIsPublished) {
   auto first = start({abilene, "--stack", "explicit", "--metric", "hops", "--changes",
                       "30", "--down", "6"});
   EXPECT_EQ(first->join(), 0);
-  EXPECT_THAT(first->output(), HasSubstr("published  110 tunnels in "));
-  EXPECT_THAT(first->output(), HasSubstr("latency"));
+  EXPECT_THAT(first->said(), HasSubstr("published  110 tunnels in "));
+  EXPECT_THAT(first->said(), HasSubstr("latency"));
   Mesh::Options options;
   options.stack = Stack::adjacencies;
   EXPECT_EQ(seen(Tunnel::TunnelTable::srTunnel), computed(options, Metric::hops));
@@ -253,14 +187,14 @@ TEST_F(CommandThreads, othersReadWhatIsPublished) {
   // Started again with less it takes the tunnels over, and goes when it is told to.
   auto second = start({abilene, "--router", "Seattle", "--hold"});
   EXPECT_TRUE(eventually([&] {
-    return second->output().find("holding") != std::string::npos;
-  })) << second->output();
-  EXPECT_THAT(second->output(), HasSubstr("100 of an earlier run deleted"));
+    return second->said().find("holding") != std::string::npos;
+  })) << second->said();
+  EXPECT_THAT(second->said(), HasSubstr("100 of an earlier run deleted"));
   options.stack = Stack::node;
   options.router = 0;
   EXPECT_EQ(seen(Tunnel::TunnelTable::srTunnel), computed(options, Metric::distance));
-  EXPECT_EQ(second->end(SIGTERM), 0) << second->output();
-  EXPECT_THAT(second->output(), HasSubstr("ending on a signal"));
+  EXPECT_EQ(second->end(SIGTERM), 0) << second->said();
+  EXPECT_THAT(second->said(), HasSubstr("ending on a signal"));
 
   EXPECT_EQ(start({abilene, "--withdraw"})->join(), 0);
   EXPECT_TRUE(seen(Tunnel::TunnelTable::srTunnel).empty());
@@ -270,31 +204,31 @@ TEST_F(CommandThreads, othersReadWhatIsPublished) {
 // database that returns without them, and one that is waited for without end.
 TEST_F(CommandThreads, endsInTheMidstOfChanges) {
   const auto says = [&](Process& process, const char* text) {
-    return eventually([&] { return process.output().find(text) != std::string::npos; });
+    return eventually([&] { return process.said().find(text) != std::string::npos; });
   };
   auto failing = start({abilene, "--kind", "ldpTunnel", "--fail-rate", "500/s"});
-  EXPECT_TRUE(says(*failing, "published")) << failing->output();
+  EXPECT_TRUE(says(*failing, "published")) << failing->said();
   std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(failing->end(SIGINT), 0) << failing->output();
-  EXPECT_THAT(failing->output(), HasSubstr("ending on a signal"));
+  EXPECT_EQ(failing->end(SIGINT), 0) << failing->said();
+  EXPECT_THAT(failing->said(), HasSubstr("ending on a signal"));
   EXPECT_FALSE(seen(Tunnel::TunnelTable::ldpTunnel).empty());
   EXPECT_EQ(start({abilene, "--kind", "ldpTunnel", "--withdraw"})->join(), 0);
 
   // One link at a time cuts nobody off here.
   auto survivor = start({abilene, "--fail-rate", "50", "--down", "1"});
-  ASSERT_TRUE(says(*survivor, "published")) << survivor->output();
+  ASSERT_TRUE(says(*survivor, "published")) << survivor->said();
   daemon_.reset();
   startDaemon();
-  EXPECT_TRUE(says(*survivor, "the database is back")) << survivor->output();
-  EXPECT_EQ(survivor->end(SIGINT), 0) << survivor->output();
+  EXPECT_TRUE(says(*survivor, "the database is back")) << survivor->said();
+  EXPECT_EQ(survivor->end(SIGINT), 0) << survivor->said();
   EXPECT_EQ(seen(Tunnel::TunnelTable::srTunnel).size(), 110u);
 
   auto orphan = start({abilene, "--fail-rate", "50", "--timeout", "0.5"});
-  ASSERT_TRUE(says(*orphan, "published")) << orphan->output();
+  ASSERT_TRUE(says(*orphan, "published")) << orphan->said();
   daemon_.reset();
   EXPECT_EQ(orphan->join(), 1);
-  EXPECT_THAT(orphan->output(), HasSubstr("the database is lost: "));
-  EXPECT_THAT(orphan->output(), HasSubstr("did not acknowledge"));
+  EXPECT_THAT(orphan->said(), HasSubstr("the database is lost: "));
+  EXPECT_THAT(orphan->said(), HasSubstr("did not acknowledge"));
 }
 
 }  // namespace
