@@ -166,7 +166,9 @@ class TableReader {
   // The content must be one whole record and nothing else. Some records answer deserializeLen
   // with a yes or no instead of their length, so what was read is measured.
   void decode(const RowBytes& bytes, R& out) const {
-    if (std::as_const(out).deserializeLen(bytes.data, bytes.length) == 0)
+    // A row of no bytes is whole for records that may be empty.
+    if (std::as_const(out).deserializeLen(bytes.data, bytes.length) == 0 &&
+        (bytes.length > 0 || R().serializeLen() > 0))
       core_.throwNotARecord(bytes.key, "it ends early");
     try {
       out.deserialize(bytes.data, bytes.length);
