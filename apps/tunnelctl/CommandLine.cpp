@@ -32,6 +32,7 @@ struct Arguments {
   U64 limit = 0;
   ApplyOptions apply;
   MonitorOptions monitor;
+  ImportLinuxOptions importLinux;
   std::string prefix;
   U64 count = 0;
   double seconds = 0;
@@ -86,6 +87,7 @@ class Command {
     addRecord();
     addTables();
     addState();
+    addImportLinux();
   }
 
   CLI::App& app() { return app_; }
@@ -285,6 +287,32 @@ class Command {
     auto* const status =
         app_.add_subcommand("status", "The server, its connections and paths");
     does(status, [](const Context& context) { return Tunnelctl::status(context); });
+  }
+
+  void addImportLinux() {
+    auto* const import = app_.add_subcommand(
+        "import-linux", "Make tables equal to the tunnels of the Linux kernel");
+    import->add_flag("--watch", a_.importLinux.watch, "go on with every change");
+    auto* const seconds =
+        import->add_option("--for", a_.seconds, "end the watch after so many seconds")
+            ->check(CLI::Range(0.0, 1e6));
+    auto* const interval =
+        import
+            ->add_option(
+                "--interval", a_.interval,
+                "seconds between two looks at all interfaces: the kernel does not "
+                "tell what changes at one that is down [5]")
+            ->check(CLI::Range(0.01, 86400.0));
+    import->add_option("--name", a_.importLinux.name,
+                       "the last part of the tables' paths, \"linux\" by default");
+    does(import, [this, seconds, interval](const Context& context) {
+      if (interval->count()) a_.importLinux.interval = milliseconds(a_.interval);
+      if (seconds->count()) {
+        if (!a_.importLinux.watch) throw UsageError("--for: only with --watch");
+        a_.importLinux.limit = milliseconds(a_.seconds);
+      }
+      return importLinux(context, a_.importLinux);
+    });
   }
 
   void needWords(const char* verb, const char* name) const {

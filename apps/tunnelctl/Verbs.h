@@ -81,4 +81,14 @@ int monitorRib(const Context& context, const MonitorOptions& options);
 
 int status(const Context& context);
 
+struct ImportLinuxOptions {
+  std::string name = "linux";                      // the last part of the tables' paths
+  bool watch = false;                              // goes on until a signal
+  std::optional<std::chrono::milliseconds> limit;  // of that time
+  // Between two looks at all interfaces: the kernel tells no change of one that is down.
+  std::chrono::milliseconds interval{5000};
+};
+// Makes tables in the database equal to the tunnels of this machine's kernel.
+int importLinux(const Context& context, const ImportLinuxOptions& options);
+
 }  // namespace Tunnelctl
