@@ -31,6 +31,7 @@ struct Arguments {
   TableOptions table;
   U64 limit = 0;
   ApplyOptions apply;
+  SaveOptions save;
   MonitorOptions monitor;
   ImportLinuxOptions importLinux;
   std::string prefix;
@@ -252,6 +253,27 @@ class Command {
     does(apply,
          [this](const Context& context) { return Tunnelctl::apply(context, a_.apply); });
 
+    auto* const diff =
+        app_.add_subcommand("diff", "Tell what applying a file would change");
+    diff->add_option("FILE", a_.apply.file, "a configuration, - for standard input")
+        ->required();
+    does(diff, [this](const Context& context) {
+      return Tunnelctl::diff(context, a_.apply.file);
+    });
+
+    auto* const save =
+        app_.add_subcommand("save", "Write the configuration as apply reads it");
+    save->add_option("FILE", a_.save.file, "replaced as a whole; - is standard output");
+    save->add_option("PATH", a_.save.prefixes, "only this path and all below it");
+    save->add_option("--also", a_.save.also,
+                     "this path and all below it as well, whatever they hold")
+        ->type_name("PATH")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    save->add_flag("--all", a_.save.all, "every path, whatever it holds");
+    does(save,
+         [this](const Context& context) { return Tunnelctl::save(context, a_.save); });
+
     auto* const show =
         app_.add_subcommand("show", "List mounted paths, or show what they hold");
     show->add_option("PATH", a_.prefix, "this path and all below it; / is all");
@@ -368,6 +390,8 @@ int run(const std::vector<std::string>& arguments, const Terminal& terminal) {
     return status;
   } catch (const UsageError& error) {
     return fail(terminal, exitUsage, error.what());
+  } catch (const Failure& error) {
+    return fail(terminal, error.status, error.what());
   } catch (const std::exception& error) {
     return fail(terminal, exitFailed, error.what());
   }

@@ -159,8 +159,9 @@ PlannedPath planPath(const Json& json) {
   if (!type->entity->make)
     fail(typeJson, Where{nullptr, "type"},
          typeName + " lives only under its key in another entity");
-  plan.name = json.find("name") ? requireString(json, "name")
-                                : plan.path.substr(plan.path.rfind('/') + 1);
+  plan.name = Hivel::lastPart(plan.path);
+  if (const Json* const name = json.find("name"))
+    fromJson(stringType(), &plan.name, *name, Where{nullptr, "name"}, Numbers::declared);
   plan.entity = planEntity(*type, json, nullptr, true);
   return plan;
 }
@@ -204,101 +205,131 @@ namespace {
 
 class Applier {
  public:
-  Applier(bool dryRun, Changes& changes, const ChangeSink& sink)
-      : dryRun_(dryRun), changes_(changes), sink_(sink) {}
+  Applier(Changes& changes, const ChangeSink& sink) : changes_(changes), sink_(sink) {}
 
-  // Without an entity (a child that a dry run cannot make) everything is new.
-  void entity(const PlannedEntity& plan, Entity* entity, const std::string& prefix) {
-    for (const PlannedMember& planned : plan.members) {
-      const std::string path = prefix + std::string(planned.member.record->name);
-      if (planned.member.scalar)
-        scalar(planned, entity, path);
-      else
-        collection(planned, entity, path);
-    }
+  void root(const PlannedEntity& plan, Entity& entity, bool dryRun) {
+    Level level{entity, nullptr, nullptr, nullptr, nullptr};
+    this->entity(plan, level, dryRun, "");
   }
 
  private:
-  void scalar(const PlannedMember& planned, Entity* entity, const std::string& path) {
+  // An entity that a dry run looks at, and where it stands.
+  struct Level {
+    Entity& entity;
+    Level* up;
+    const EntityMember* member;  // of the one above
+    const void* key;
+    Kop::Ptr<Entity> aside;
+  };
+  // A fresh entity like that of the level. Some are made only by the one above them.
+  static Entity& aside(Level& level) {
+    if (!level.aside)
+      level.aside = level.up
+                        ? level.member->collection->childIs(aside(*level.up), level.key)
+                        : typeOf(level.entity).entity->make("aside");
+    return *level.aside;
+  }
+
+  void entity(const PlannedEntity& plan,
+              Level& level,
+              bool dryRun,
+              const std::string& prefix) {
+    for (const PlannedMember& planned : plan.members) {
+      const std::string path = prefix + std::string(planned.member.record->name);
+      if (planned.member.scalar)
+        scalar(planned, level.entity, dryRun, path);
+      else
+        collection(planned, level, dryRun, path);
+    }
+  }
+
+  void scalar(const PlannedMember& planned,
+              Entity& entity,
+              bool dryRun,
+              const std::string& path) {
     const Kop::TypeOps& type = *planned.member.scalar->type;
     const void* const wanted = planned.value.get();
-    const GenericValue before =
-        entity ? GenericValue(&type, planned.member.at(*entity)) : GenericValue(&type);
+    const GenericValue before(&type, planned.member.at(entity));
     if (type.equal(before.get(), wanted)) return;
-    if (!dryRun_) planned.member.scalar->set(*entity, wanted);
+    if (!dryRun) planned.member.scalar->set(entity, wanted);
     ++changes_.attributes;
     if (sink_) sink_(scalarChange(path, type, before.get(), wanted));
   }
 
-  void collection(const PlannedMember& planned, Entity* entity, const std::string& path) {
+  void collection(const PlannedMember& planned,
+                  Level& level,
+                  bool dryRun,
+                  const std::string& path) {
     const EntityMember& member = planned.member;
-    if (entity) removeOthers(planned, *entity, path);
+    removeOthers(planned, level.entity, dryRun, path);
     for (const PlannedEntry& entry : planned.entries) {
       if (member.isChildren())
-        child(member, entry, entity, path);
+        child(member, entry, level, dryRun, path);
       else
-        set(member, entry, entity, path);
+        set(member, entry, level.entity, dryRun, path);
     }
   }
 
   void removeOthers(const PlannedMember& planned,
                     Entity& entity,
+                    bool dryRun,
                     const std::string& path) {
     const EntityMember& member = planned.member;
+    const Kop::CollectionOps& ops = *member.collection;
     std::unordered_set<std::string> wanted;
     for (const PlannedEntry& entry : planned.entries)
       wanted.insert(std::string(entry.key.text()));
     for (const GenericValue& key : sortedKeys(entity, member)) {
       if (wanted.contains(std::string(key.text()))) continue;
-      const Kop::CollectionOps& ops = *member.collection;
       if (sink_) {
         const void* const value =
             member.isChildren() ? nullptr : ops.find(entity, key.get());
         sink_(entryChange(path, member, key.get(), value, nullptr, true, false));
       }
-      if (!dryRun_) ops.del(entity, key.get());
+      if (!dryRun) ops.del(entity, key.get());
       ++changes_.removed;
     }
   }
 
   void set(const EntityMember& member,
            const PlannedEntry& entry,
-           Entity* entity,
+           Entity& entity,
+           bool dryRun,
            const std::string& path) {
     const Kop::CollectionOps& ops = *member.collection;
-    const void* const found = entity ? ops.find(*entity, entry.key.get()) : nullptr;
+    const void* const found = ops.find(entity, entry.key.get());
     const bool was = found != nullptr;
     if (was && (member.isSet() || ops.value->equal(found, entry.value.get()))) return;
     if (sink_)
       sink_(entryChange(path, member, entry.key.get(), found, entry.value.get(), was,
                         true));
-    if (!dryRun_) {
+    if (!dryRun) {
       const bool present = true;
-      ops.set(*entity, entry.key.get(), member.isSet() ? &present : entry.value.get());
+      ops.set(entity, entry.key.get(), member.isSet() ? &present : entry.value.get());
     }
     ++(was ? changes_.changed : changes_.added);
   }
 
   void child(const EntityMember& member,
              const PlannedEntry& entry,
-             Entity* entity,
+             Level& level,
+             bool dryRun,
              const std::string& path) {
     const Kop::CollectionOps& ops = *member.collection;
-    auto child = entity ? ops.child(*entity, entry.key.get()) : Kop::Ptr<Entity>();
+    auto child = ops.child(level.entity, entry.key.get());
     if (!child) {
-      if (!dryRun_)
-        child = ops.childIs(*entity, entry.key.get());
-      else if (const auto make = entry.child->type->entity->make)
-        child = make("fresh");  // to compare with its defaults
+      // What a dry run may not make it makes aside, where it may do everything.
+      child = ops.childIs(dryRun ? aside(level) : level.entity, entry.key.get());
+      dryRun = false;
       ++changes_.added;
       if (sink_)
         sink_(entryChange(path, member, entry.key.get(), nullptr, nullptr, false, true));
     }
-    this->entity(*entry.child, child ? &*child : nullptr,
-                 path + "." + toWords(*ops.key, entry.key.get()) + ".");
+    Level below{*child, &level, &member, entry.key.get(), nullptr};
+    entity(*entry.child, below, dryRun,
+           path + "." + toWords(*ops.key, entry.key.get()) + ".");
   }
 
-  bool dryRun_;
   Changes& changes_;
   const ChangeSink& sink_;
 };
@@ -310,7 +341,7 @@ void apply(const PlannedEntity& plan,
            bool dryRun,
            Changes& changes,
            const ChangeSink& sink) {
-  Applier(dryRun, changes, sink).entity(plan, &entity, "");
+  Applier(changes, sink).root(plan, entity, dryRun);
 }
 
 }  // namespace Tunnelctl

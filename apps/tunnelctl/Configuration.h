@@ -32,7 +32,7 @@ struct PlannedEntity {
 };
 struct PlannedPath {
   std::string path;
-  std::string name;  // of the entity, if it has to be made
+  Kop::String name;  // of the entity, if it has to be made
   bool remove = false;
   PlannedEntity entity;
 };

@@ -152,12 +152,16 @@ void printJson(std::ostream& out, const Style& style, const Json& json) {
 
 void JsonArray::push(const Json& item) {
   if (!style_.json) return;
-  std::string text = writeJson(item, style_.pretty);
-  if (style_.pretty)
-    for (std::size_t at = 0; (at = text.find('\n', at)) != text.npos;)
-      text.insert(++at, 2, ' ');
-  out_ << (isOpen_ ? "," : "[") << (style_.pretty ? "\n  " : "") << text;
+  const std::string text = writeJson(item, style_.pretty);
+  out_ << (isOpen_ ? "," : "[") << (style_.pretty ? "\n  " : "");
   isOpen_ = true;
+  for (std::string_view rest = text;;) {
+    const auto end = rest.find('\n');
+    out_ << rest.substr(0, end);
+    if (end == rest.npos) break;
+    out_ << "\n  ";
+    rest.remove_prefix(end + 1);
+  }
 }
 
 void JsonArray::finish() {

@@ -13,6 +13,7 @@
 namespace Tunnelctl {
 
 constexpr int exitFailed = 1;
+constexpr int exitDiffers = 1;
 constexpr int exitUsage = 2;
 
 // A wrong argument: names it, what was found and what is allowed. Exit status 2.
@@ -21,10 +22,12 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// What was asked for could not be done. Exit status 1.
+// What was asked for could not be done. Exit status 1, unless 1 has another meaning.
 class Failure : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Failure(const std::string& text, int exitStatus = exitFailed)
+      : std::runtime_error(text), status(exitStatus) {}
+  int status;
 };
 
 struct Style {

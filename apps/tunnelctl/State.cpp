@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
+#include "Hivel/Database.h"
+
 namespace Tunnelctl {
 
 using Kop::Entity;
@@ -133,6 +135,8 @@ Json stateOf(const std::string& path, Entity& entity) {
   Json json = Json::object();
   json.add("path", Json::string(path));
   json.add("type", Json::string(std::string(typeOf(entity).name)));
+  if (entity.name() != Hivel::lastPart(path))
+    json.add("name", toJson(stringType(), &entity.name()));
   Json members = stateOf(entity);
   for (std::size_t i = 0; i < members.items.size(); ++i)
     json.add(std::move(members.names[i]), std::move(members.items[i]));
@@ -161,6 +165,32 @@ void printState(std::ostream& out,
   out << '\n';
   printState(out, style, entity, 2);
 }
+
+namespace {
+
+// The members that differ, with what they were and are. Empty for what is no record.
+std::string differenceLine(const Kop::TypeOps& type,
+                           const void* before,
+                           const void* after) {
+  const Form& form = formOf(type);
+  std::string line;
+  if (form.shape != Form::Shape::record) return line;
+  for (const Kop::MemberRecord& member : form.record->members) {
+    if (!isStored(member)) continue;
+    const Kop::TypeOps& inner = *member.ops->type;
+    const void *const was = member.ops->at(before), *const is = member.ops->at(after);
+    if (inner.equal(was, is)) continue;
+    const bool isNested = formOf(inner).shape == Form::Shape::record;
+    const auto words = [&](const void* value) {
+      return isNested ? "(" + toWords(inner, value) + ")" : toWords(inner, value);
+    };
+    line += (line.empty() ? "" : ", ") + std::string(member.name) + " " + words(was) +
+            " -> " + words(is);
+  }
+  return line;
+}
+
+}  // namespace
 
 Change scalarChange(const std::string& member,
                     const Kop::TypeOps& type,
@@ -197,6 +227,8 @@ Change entryChange(const std::string& member,
     change.oldText = toLine(*ops.value, before, ops.key, key);
     change.oldJson = toJson(*ops.value, before);
   }
+  if (hasValue && was && is)
+    change.difference = differenceLine(*ops.value, before, after);
   if (hasValue && is) {
     change.newText = toLine(*ops.value, after, ops.key, key);
     change.newJson = toJson(*ops.value, after);
@@ -211,8 +243,9 @@ std::string changeLine(const Style& style, const Change& change) {
     return text.empty() ? "" : "  " + text;
   };
   if (change.before && change.after)
-    return style.paint(Style::faint, "~") + " " + what + "  " + change.oldText + " -> " +
-           change.newText;
+    return style.paint(Style::faint, "~") + " " + what + "  " +
+           (change.difference.empty() ? change.oldText + " -> " + change.newText
+                                      : change.difference);
   if (change.after)
     return style.paint(Style::added, "+") + " " + what + tail(change.newText);
   return style.paint(Style::removed, "-") + " " + what + tail(change.oldText);

@@ -38,7 +38,7 @@ std::vector<Kop::GenericValue> sortedKeys(Kop::Entity& entity,
 
 // The members in the form of a configuration file, so that what is shown can be applied.
 Json stateOf(Kop::Entity& entity);
-// The same with {"path", "type", "name"} before it.
+// The same with {"path", "type"} before it, and "name" when it is not the last part of path.
 Json stateOf(const std::string& path, Kop::Entity& entity);
 
 // Indented and aligned. Empty collections are shown only in detail; in brief form only what
@@ -58,7 +58,8 @@ struct Change {
   bool isChild = false;
   bool before = false, after = false;  // whether there was, is a value
   std::string oldText, newText;        // for people
-  Json oldJson, newJson;               // null when there is none
+  std::string difference;  // of a record that changed: "member old -> new, .."
+  Json oldJson, newJson;   // null when there is none
 };
 using ChangeSink = std::function<void(const Change&)>;
 

@@ -7,6 +7,7 @@
 #include <unordered_set>
 
 #include "Kop/Exception.h"
+#include "Kop/GenericIfImpl.h"
 #include "apps/tunnelctl/Output.h"
 
 namespace Tunnelctl {
@@ -62,11 +63,6 @@ Form findForm(const TypeOps& type) {
   return {Shape::word, nullptr};
 }
 
-bool isStored(const MemberRecord& member) {
-  return member.ops && member.ops->at &&
-         (member.kind == MemberKind::attribute || member.kind == MemberKind::collection);
-}
-
 // Whether an enumeration's values are combined: three or more of its enumerators are not 0,
 // and no two of them share a bit. Counted enumerators do: 3 is 1 and 2.
 bool isFlags(const Kop::TypeRecord& record) {
@@ -108,11 +104,15 @@ Json enumerationToJson(const Kop::TypeRecord& record, std::string text) {
   std::from_chars(text.data(), text.data() + text.size(), number);
   const auto flags =
       isFlags(record) ? flagsOf(record, number) : std::vector<std::string_view>();
-  if (flags.empty()) return Json::number(std::move(text));
-  Json json = Json::array();
-  for (const std::string_view flag : flags)
-    json.push(Json::string(std::string(flag)));
-  return json;
+  if (!flags.empty()) {
+    Json json = Json::array();
+    for (const std::string_view flag : flags)
+      json.push(Json::string(std::string(flag)));
+    return json;
+  }
+  Json bare = Json::number(std::move(text));
+  if (isOfFlags(record, bare)) return bare;
+  return Json(Json::object().add("number", std::move(bare)));
 }
 
 Json bytesOrString(std::string bytes) {
@@ -317,6 +317,11 @@ void arrayFromJson(const TypeOps& type,
 
 }  // namespace
 
+bool isStored(const MemberRecord& member) {
+  return member.ops && member.ops->at &&
+         (member.kind == MemberKind::attribute || member.kind == MemberKind::collection);
+}
+
 std::string Where::text() const {
   const std::string above = up ? up->text() : "";
   if (name.empty()) return above;
@@ -329,6 +334,10 @@ const Form& formOf(const TypeOps& type) {
   const auto found = forms.find(&type);
   return found != forms.end() ? found->second
                               : forms.emplace(&type, findForm(type)).first->second;
+}
+
+const TypeOps& stringType() {
+  return Kop::TypeOpsOf<Kop::String>::ops;
 }
 
 std::string expected(const TypeOps& type) {
@@ -440,6 +449,9 @@ void fromJson(const TypeOps& type,
         const Json joined = joinedFlags(type, json, where);
         return scalarFromText(type, value, joined.text, joined, where);
       }
+      const Json* const odd = json.is(Kind::object) ? json.find("number") : nullptr;
+      if (odd && odd->is(Kind::number) && json.items.size() == 1)
+        return scalarFromText(type, value, odd->text, *odd, where);
       const bool taken =
           numbers == Numbers::any ? json.is(Kind::number) : isOfFlags(*form.record, json);
       if (!isName && !taken) failExpected(type, json, where);
@@ -622,6 +634,7 @@ std::string toWords(const TypeOps& type, const void* key) {
   if (form.isScalar()) {
     const Json json = toJson(type, key);
     if (json.is(Json::Kind::boolean)) return json.flag ? "true" : "false";
+    if (const Json* const number = json.find("number")) return number->text;
     if (json.is(Json::Kind::object)) return plain(json);
     if (json.is(Json::Kind::array)) {  // flags
       std::string flags;

@@ -14,8 +14,8 @@
 //   record                   object by member name; a member that is left out has its default
 //   wrapper, number          number
 //   bool                     true, false
-//   enumeration              name; a number when there is no such enumerator, or an array of
-//                            names when it is made of flags
+//   enumeration              name; an array of names when it is made of flags; otherwise
+//                            {"number": ..}, or the bare number of a mask's bits
 //   Kop::String, addresses   their bare text; {"bytes": "<hex>"} when it is not UTF-8
 //   other types              the text as it stands
 //   set, array               array
@@ -65,7 +65,9 @@ struct Form {
   const Kop::TypeRecord* record;  // of an enumeration or record, else null
   bool isScalar() const { return shape < Shape::record; }
 };
+bool isStored(const Kop::MemberRecord& member);  // in values of its type
 const Form& formOf(const Kop::TypeOps& type);
+const Kop::TypeOps& stringType();  // of Kop::String
 
 Json toJson(const Kop::TypeOps& type, const void* value);
 // The key of a map as the name of a JSON object's member.

@@ -63,6 +63,17 @@ struct ApplyOptions {
   bool check = false;  // compare only; exit status 1 when something differs
 };
 int apply(const Context& context, const ApplyOptions& options);
+// What apply would do. Exit status 0 nothing, 1 something, 2 it cannot be told.
+int diff(const Context& context, const std::string& file);
+
+struct SaveOptions {
+  std::string file;                   // empty or -: standard output
+  std::vector<std::string> prefixes;  // empty: everywhere
+  std::vector<std::string> also;      // below these whatever it is
+  bool all = false;                   // not only configuration
+};
+// Writes the configuration as apply reads it, always indented.
+int save(const Context& context, const SaveOptions& options);
 
 int show(const Context& context, const std::string& prefix);
 

@@ -7,7 +7,9 @@
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
-  std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is an error of writing, told as one
+  // A closed pipe and a file that may not grow are errors of writing, told as such.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   return Tunnelctl::run({argv + 1, argv + argc},
                         {std::cout, std::cerr, isatty(STDOUT_FILENO) == 1});
 }

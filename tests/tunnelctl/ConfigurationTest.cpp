@@ -1,17 +1,10 @@
-#include <map>
-#include <set>
-
 #include <gtest/gtest.h>
 
-#include "Hivel/Database.h"
-#include "Tunnel/DecapGroupHivelTypes.h"
 #include "apps/tunnelctl/Configuration.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {
 namespace {
-
-using Tunnel::Decap::ConfigInput;
 
 constexpr const char* configInputHead =
     "{\n\"path\": \"a/b\",\n\"type\": \"Tunnel::Decap::ConfigInput\",\n";
@@ -156,202 +149,136 @@ TEST(ConfigurationErrors, everyCutOfAFileIsRefused) {
     EXPECT_NE(errorOf(text.substr(0, size)), "") << text.substr(0, size);
 }
 
-struct Group {
-  U16 port = 0;
-  bool dynamic = false;
-  std::map<std::string, bool> ips;
-  std::map<std::string, bool> intfs;  // name -> oldConfig
-};
-struct Model {
-  std::map<U32, std::string> ports;
-  std::map<std::string, Group> groups;
-};
-
-Model modelOf(const ConfigInput& config) {
-  Model model;
-  for (const auto& node : config.globalDestPortToPayloadType())
-    model.ports[node.key()] = std::string(Tunnel::Decap::valueToStrep(node.value));
-  for (const auto& node : config.decapGroup()) {
-    Group& group = model.groups[std::string(node.key())];
-    group.port = node.value->destinationPort();
-    group.dynamic = node.value->dynamic();
-    for (const auto& ip : node.value->decapIp())
-      group.ips[std::string(ip.key().stringValue())] = ip.value;
-    for (const auto& intf : node.value->decapIntf()) {
-      EXPECT_TRUE(intf.value.decapIntfKey() == intf.key());
-      group.intfs[std::string(intf.key().intfId().stringValue())] =
-          intf.value.oldConfig();
-    }
+// What of a random state a file might say: some members, in children too.
+Json someOf(Random& random, const Kop::TypeRecord& type, const Json& state) {
+  Json file = Json::object();
+  for (const EntityMember& member : membersOf(type)) {
+    if (random.below(3) == 0) continue;
+    Json value = *state.find(member.record->name);
+    if (member.isChildren())
+      for (Json& item : value.items) {
+        Json& child = value.is(Json::Kind::object) ? item : item.items[1];
+        child = someOf(random, childTypeOf(member), child);
+      }
+    file.add(std::string(member.record->name), std::move(value));
   }
-  return model;
+  return file;
 }
 
-bool operator==(const Group& a, const Group& b) {
-  return a.port == b.port && a.dynamic == b.dynamic && a.ips == b.ips &&
-         a.intfs == b.intfs;
+// The other ways to write what is shown: entries of a map in an array, members of a set as
+// flags, a map to flags that are all true as a set.
+Json respelt(const EntityMember& member, const Json& shown) {
+  const Kop::TypeOps& key = *member.collection->key;
+  const bool isNumber = formOf(key).shape == Form::Shape::number;
+  Json other = shown.is(Json::Kind::object) ? Json::array() : Json::object();
+  bool allTrue = true;
+  for (const Json& item : shown.items)
+    allTrue &= item.is(Json::Kind::boolean) && item.flag;
+  for (std::size_t i = 0; i < shown.items.size(); ++i) {
+    const Json& item = shown.items[i];
+    if (shown.is(Json::Kind::array)) {
+      if (!member.isSet() || !item.is(Json::Kind::string)) return shown;
+      other.add(item.text, Json::boolean(true));
+      continue;
+    }
+    Json name = isNumber ? Json::number(shown.names[i]) : Json::string(shown.names[i]);
+    other.push(allTrue ? std::move(name)
+                       : Json(Json::object().add("value", item).add("key", name)));
+  }
+  return other;
+}
+Json respelt(Random& random, const Kop::TypeRecord& type, Json file) {
+  for (const EntityMember& member : membersOf(type))
+    for (std::size_t i = 0; i < file.items.size(); ++i)
+      if (file.names[i] == member.record->name && member.collection &&
+          !member.isChildren() && random.coin())
+        file.items[i] = respelt(member, file.items[i]);
+  return file;
 }
 
-std::string quote(const std::string& text) {
-  return "\"" + text + "\"";
-}
-
-// Writes members at random and changes the model as applying them must.
-class RandomFile {
- public:
-  explicit RandomFile(U32 seed) : random_(seed) {}
-
-  std::string next(Model& model) {
-    std::string text = "{\"path\": \"decap\", \"type\": \"Tunnel::Decap::ConfigInput\"";
-    if (random_.coin())
-      text += ", \"globalDestPortToPayloadType\": " + ports(model.ports);
-    if (random_.coin()) text += ", \"decapGroup\": " + groups(model.groups);
-    return text + "}";
-  }
-
- private:
-  std::string ports(std::map<U32, std::string>& ports) {
-    static const char* const payloads[] = {"unknownPayload", "mpls", "ipvx"};
-    ports.clear();
-    for (U64 n = random_.below(4); n > 0; --n)
-      ports[static_cast<U32>(random_.below(6))] = random_.oneOf(payloads);
-    const bool asArray = random_.coin();
-    std::string text;
-    for (const auto& [port, payload] : ports) {
-      text += text.empty() ? "" : ", ";
-      if (asArray)
-        text +=
-            "{\"value\": " + quote(payload) + ", \"key\": " + std::to_string(port) + "}";
-      else
-        text += quote(std::to_string(port)) + ": " + quote(payload);
-    }
-    return asArray ? "[" + text + "]" : "{" + text + "}";
-  }
-
-  std::string groups(std::map<std::string, Group>& groups) {
-    std::string text;
-    std::map<std::string, Group> after;
-    for (const char* name : {"red", "green", "a b", ""}) {
-      if (random_.coin()) continue;
-      after[name] = groups[name];
-      text += (text.empty() ? "" : ", ") + quote(name) + ": " + group(after[name]);
-    }
-    groups = after;
-    return "{" + text + "}";
-  }
-
-  std::string group(Group& group) {
-    std::string text;
-    const auto add = [&](const char* name, const std::string& value) {
-      text += (text.empty() ? "" : ", ") + quote(name) + ": " + value;
+const Json* childOf(const Json& children, const Json& among, std::size_t i) {
+  if (among.is(Json::Kind::object) && children.is(Json::Kind::object))
+    return children.find(among.names[i]);
+  for (std::size_t k = 0; k < children.items.size(); ++k) {
+    const auto keyOf = [](const Json& all, std::size_t at) {
+      return all.is(Json::Kind::object) ? writeJson(Json::string(all.names[at]), false)
+                                        : writeJson(all.items[at].items[0], false);
     };
-    if (random_.coin()) {
-      group.port = static_cast<U16>(random_.below(3));
-      add("destinationPort", std::to_string(group.port));
-    }
-    if (random_.coin()) {
-      group.dynamic = random_.coin();
-      add("dynamic", group.dynamic ? "true" : "false");
-    }
-    if (random_.coin()) add("decapIp", ips(group.ips));
-    if (random_.coin()) add("decapIntf", intfs(group.intfs));
-    return "{" + text + "}";
+    if (keyOf(children, k) == keyOf(among, i))
+      return children.is(Json::Kind::object) ? &children.items[k]
+                                             : &children.items[k].items[1];
   }
-
-  std::string ips(std::map<std::string, bool>& ips) {
-    ips.clear();
-    const bool asKeys = random_.coin();
-    std::string text;
-    for (const char* ip : {"10.0.0.1", "10.0.0.2", "2001:db8::1", ""}) {
-      if (random_.coin()) continue;
-      ips[ip] = asKeys || random_.coin();
-      text += (text.empty() ? "" : ", ") + quote(ip);
-      if (!asKeys) text += ips[ip] ? ": true" : ": false";
-    }
-    return asKeys ? "[" + text + "]" : "{" + text + "}";
-  }
-
-  std::string intfs(std::map<std::string, bool>& intfs) {
-    intfs.clear();
-    std::string text;
-    for (const char* intf : {"Vlan1", "Ethernet3/1", "Loopback0"}) {
-      if (random_.coin()) continue;
-      intfs[intf] = random_.coin();
-      text += (text.empty() ? "" : ", ") + std::string("{\"key\": {\"intfId\": ") +
-              quote(intf) +
-              ", \"addressFamily\": \"ipv4\"}, \"value\": {\"oldConfig\": " +
-              (intfs[intf] ? "true" : "false") + "}}";
-    }
-    return "[" + text + "]";
-  }
-
-  Random random_;
-};
-
-// Catches entries that stay or go wrongly, members that were not named and change, counts
-// that are not what was done, and second applications that write.
-TEST(ConfigurationApply, followsAModelOfRandomFiles) {
-  constexpr U32 seed = 99;
-  RandomFile file(seed);
-  Hivel::Database database;
-  database.mount("decap", Tunnel::Decap::configInputFactory("decap"));
-  Model model;
-  U64 changes = 0;
-  for (int step = 0; step < 2000; ++step) {
-    Model wanted = model;
-    const std::string text = file.next(wanted);
-    SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + " " +
-                 text);
-    const Configuration plan = parseConfiguration(text, "f.json");
-    ASSERT_EQ(plan.paths.size(), 1u);
-    Kop::Entity& entity = *database.find(plan.paths[0].path);
-    const auto& config = static_cast<const ConfigInput&>(entity);
-
-    const auto before = modelOf(config);
-    Changes dry, done, again;
-    U64 told = 0;
-    apply(plan.paths[0].entity, entity, true, dry);
-    ASSERT_TRUE(modelOf(config).groups == before.groups &&
-                modelOf(config).ports == before.ports);
-    apply(plan.paths[0].entity, entity, false, done, [&](const Change&) { ++told; });
-    const auto after = modelOf(config);
-    ASSERT_EQ(after.ports, wanted.ports);
-    ASSERT_TRUE(after.groups == wanted.groups);
-    ASSERT_EQ(told, done.total());
-    ASSERT_EQ(dry.total(), done.total());
-    ASSERT_EQ(dry.removed, done.removed);
-    apply(plan.paths[0].entity, entity, false, again);
-    ASSERT_EQ(again.total(), 0u);
-    model = wanted;
-    changes += done.total();
-  }
-  EXPECT_GT(changes, 2000u);
+  return nullptr;
 }
 
-// Catches a member of any registered entity that show leaves out, or that cannot be written
-// the way it is shown.
-TEST(ConfigurationApply, whatIsShownOfEveryTypeCanBeApplied) {
-  constexpr U32 seed = 3;
+// The state that a file makes of another: what it names is as it says, of children the named
+// ones stay.
+Json merged(const Kop::TypeRecord& type, const Json& state, const Json& file) {
+  Json result = Json::object();
+  for (const EntityMember& member : membersOf(type)) {
+    const std::string name(member.record->name);
+    const Json* const named = file.find(name);
+    Json value = named ? *named : *state.find(name);
+    if (named && member.isChildren()) {
+      const auto parent = type.entity->make("fresh");
+      const Json fresh = stateOf(*member.collection->childIs(
+          *parent, Kop::GenericValue(member.collection->key).get()));
+      for (std::size_t i = 0; i < value.items.size(); ++i) {
+        Json& child =
+            value.is(Json::Kind::object) ? value.items[i] : value.items[i].items[1];
+        const Json* const old = childOf(*state.find(name), value, i);
+        child = merged(childTypeOf(member), old ? *old : fresh, child);
+      }
+    }
+    result.add(name, std::move(value));
+  }
+  return result;
+}
+
+// Catches entries that stay or go wrongly, members that were not named and change, forms that
+// are read as something else, second applications that write, and a dry run that tells other
+// changes than are made.
+TEST(ConfigurationApply, followsAModelOfRandomFilesOfEveryType) {
+  constexpr U32 seed = 99;
   Random random(seed);
-  U32 types = 0;
+  U64 changes = 0;
   eachEntityType([&](const Kop::TypeRecord& type) {
-    SCOPED_TRACE(std::string(type.name));
-    ++types;
-    for (int i = 0; i < 10; ++i) {
-      const auto original = type.entity->make("x");
-      random.fill(*original);
-      const std::string text = writeJson(stateOf("x", *original), i % 2 == 0);
-      SCOPED_TRACE(text);
+    const auto entity = type.entity->make("x");
+    for (int step = 0; step < 100; ++step) {
+      const auto other = type.entity->make("x");
+      random.fill(*other);
+      const Json before = stateOf(*entity), named = someOf(random, type, stateOf(*other));
+      Json file = Json::object();
+      file.add("path", Json::string("x"))
+          .add("type", Json::string(std::string(type.name)));
+      const Json members = respelt(random, type, named);
+      for (std::size_t i = 0; i < members.items.size(); ++i)
+        file.add(members.names[i], members.items[i]);
+      const std::string text = writeJson(file, false);
+      SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) +
+                   " " + text + "\nbefore " + writeJson(before, false));
+
       const Configuration plan = parseConfiguration(text, "f.json");
-      const auto copy = type.entity->make("x");
-      Changes changes, back;
-      if (i > 4) random.fill(*copy);
-      apply(plan.paths[0].entity, *copy, false, changes);
-      ASSERT_EQ(writeJson(stateOf("x", *copy), i % 2 == 0), text);
-      apply(plan.paths[0].entity, *original, false, back);
-      ASSERT_EQ(back.total(), 0u);
+      Changes dry, done, again;
+      std::vector<std::string> told, made;
+      const auto into = [](std::vector<std::string>& list) {
+        return [&list](const Change& change) {
+          list.push_back(changeLine({}, change) + writeJson(changeJson(change), false));
+        };
+      };
+      apply(plan.paths[0].entity, *entity, true, dry, into(told));
+      ASSERT_EQ(writeJson(stateOf(*entity), false), writeJson(before, false));
+      apply(plan.paths[0].entity, *entity, false, done, into(made));
+      ASSERT_EQ(writeJson(stateOf(*entity), false),
+                writeJson(merged(type, before, named), false));
+      ASSERT_EQ(told, made);
+      ASSERT_EQ(done.total(), made.size());
+      apply(plan.paths[0].entity, *entity, false, again);
+      ASSERT_EQ(again.total(), 0u);
+      changes += done.total();
     }
   });
-  EXPECT_GT(types, 4u);
+  EXPECT_GT(changes, 5000u);
 }
 
 }  // namespace

@@ -16,11 +16,6 @@ using Kop::TypeOps;
 
 namespace {
 
-bool isStored(const Kop::MemberRecord& member) {
-  return member.ops && member.ops->at &&
-         (member.kind == MemberKind::attribute || member.kind == MemberKind::collection);
-}
-
 bool parses(GenericValue& value, const std::string& text) {
   try {
     value.textIs(text);
@@ -49,6 +44,7 @@ const char* const quotedTexts[] = {
     "'2001:db8::/32'",
     "'::/0'",
     "'Ethernet3/1'",
+    "'Generic77.5.1'",
     "'Vlan100'",
     "'Tunnel7'",
     "'x y'",
@@ -103,7 +99,10 @@ GenericValue Random::value(const TypeOps& type) {
     case Form::Shape::enumeration: {
       const auto &member = oneOf(form.record->members),
                  &other = oneOf(form.record->members);
-      if (type.name == "Tunnel::GreHdrFlagsType" && coin())
+      if (below(8) == 0)  // perhaps no enumerator's
+        value.textIs(Kop::String(
+            std::to_string(number() & ((U64{1} << (8 * form.record->width)) - 1))));
+      else if (type.name == "Tunnel::GreHdrFlagsType" && coin())
         value.textIs(Kop::String(std::to_string(member.value | other.value)));
       else
         value.textIs(Kop::String(member.name));

@@ -1,0 +1,183 @@
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+
+#include "Hivel/Client.h"
+#include "apps/tunnelctl/Json.h"
+#include "tests/tunnelctl/Processes.h"
+#include "tests/tunnelctl/RandomValues.h"
+
+namespace Tunnelctl {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+const std::string router = HOUSE_SOURCE_DIR "/examples/whole-router.json";
+
+class SaveThreads : public ProcessesThreads {
+ protected:
+  // Makes the database hold one random entity of each type, and nothing else of a path.
+  void fill(Random& random) {
+    Hivel::ClientOptions options;
+    options.socketPath = socket_;
+    Hivel::Client writer(options);
+    eachEntityType([&](const Kop::TypeRecord& type) {
+      std::string path = "t/" + std::string(type.name);
+      std::replace(path.begin(), path.end(), ':', '.');
+      Hivel::MountOptions mount;
+      mount.entity = type.entity->make(random.coin() ? "a name\xff" : "");
+      random.fill(*mount.entity);
+      writer.mountAndWait(path, Hivel::Mode::replace, mount, std::chrono::seconds(10));
+      ASSERT_TRUE(writer.syncAndWait(std::chrono::seconds(10)));
+      writer.unmount(path);
+    });
+    ASSERT_TRUE(writer.syncAndWait(std::chrono::seconds(10)));
+  }
+  std::string saved() {
+    const Result result = ctl({"save", "--all"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
+  }
+};
+
+// Catches state that is lost or changed on its way through a file, an order that is not always
+// the same, and a difference that is not what applying then does.
+TEST_F(SaveThreads, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
+  constexpr U32 seed = 5;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Random random(seed);
+  const std::string other = directory_ + "/other.sock", first = socket_;
+  const Process otherDaemon({HOUSE_BIN_DIR "/hiveld", "--socket", other, "--types",
+                             HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0"},
+                            directory_ + "/other");
+  for (int round = 0; round < 3; ++round) {
+    fill(random);
+    const std::string name = directory_ + "/saved.json";
+    ASSERT_EQ(ctl({"save", "--all", name}).status, 0);
+    const std::string text = contents(name);
+    ASSERT_EQ(text, saved());
+    EXPECT_THAT(ctl({"apply", name}).out, HasSubstr("nothing changed"));
+    EXPECT_EQ(ctl({"diff", name}).status, 0);
+
+    // Another database: empty at first, then one that held something else.
+    socket_ = other;
+    ASSERT_TRUE(eventually([&] { return ctl({"status"}).status == 0; }));
+    if (round > 0) fill(random);
+    const Result told = ctl({"-j", "diff", name}), lines = ctl({"diff", name});
+    EXPECT_EQ(told.status, 1) << told.err;
+    EXPECT_EQ(lines.status, 1) << lines.err;
+    const Result applied = ctl({"-j", "-d", "apply", name});
+    ASSERT_EQ(applied.status, 0) << applied.err;
+    const Json report = parseJson(applied.out);
+    EXPECT_EQ(writeJson(*report.items.at(0).find("changes"), false) + "\n", told.out);
+    EXPECT_EQ(
+        static_cast<std::size_t>(std::count(lines.out.begin(), lines.out.end(), '\n')),
+        report.items[0].find("changes")->items.size());
+    const Result again = ctl({"diff", name});
+    EXPECT_EQ(again.status, 0) << again.out;
+    EXPECT_EQ(again.out, "");
+    EXPECT_EQ(saved(), text);
+    socket_ = first;
+  }
+}
+
+// Catches kinds that are left out or let in, and prefixes that are not heeded.
+TEST_F(SaveThreads, savesWhatIsConfiguration) {
+  ASSERT_EQ(ctl({"apply", router}).status, 0);
+  ASSERT_EQ(ctl({"apply", HOUSE_SOURCE_DIR "/examples/edge-router.json"}).status, 0);
+  const std::string whole = ctl({"save"}).out,
+                    capability = "tunnel/decap/hardware/capability";
+  EXPECT_THAT(whole, Not(HasSubstr(capability)));
+  for (const Json& path : parseJson(contents(router)).items)
+    EXPECT_THAT(whole, HasSubstr("\"path\": \"" + path.find("path")->text + "\""));
+  const struct {
+    std::vector<std::string> arguments;
+    std::vector<std::string> paths;  // empty: refused
+    const char* error;
+  } rows[] = {
+      {{"-", "tunnel/info/gre", "/tunnel/mpls/"},
+       {"tunnel/info/gre", "tunnel/mpls/config"},
+       ""                                                                                                            },
+      {{"-", "tunnel/mpls", "--also", "tunnel/decap/hardware"},
+       {capability, "tunnel/mpls/config"},
+       ""                                                                                                            },
+      {{"--all", "-", "tunnel/decap/hardware"},                 {capability}, ""                                     },
+      {{"-", "tunnel/decap/hardware"},
+       {},
+       "'tunnel/decap/hardware': holds no configuration"                                                             },
+      {{"-", "tunnel/mpls", "frob"},                            {},           "PATH 'frob': nothing is mounted there"},
+      {{"--also", "frob"},                                      {},           "PATH 'frob': nothing is mounted there"},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> arguments = row.arguments, paths;
+    arguments.insert(arguments.begin(), "save");
+    const Result result = ctl(arguments);
+    SCOPED_TRACE(result.err);
+    EXPECT_EQ(result.status, row.paths.empty() ? 1 : 0);
+    EXPECT_THAT(result.err, HasSubstr(row.error));
+    if (result.status == 0)
+      for (const Json& path : parseJson(result.out).items)
+        paths.push_back(path.find("path")->text);
+    EXPECT_EQ(paths, row.paths);
+  }
+}
+
+// Catches a file that is lost or cut when the new one cannot be written, and leavings.
+TEST_F(SaveThreads, aFileIsReplacedAsAWholeOrNotAtAll) {
+  ASSERT_EQ(ctl({"apply", router}).status, 0);
+  const std::string folder = directory_ + "/folder", name = folder + "/saved.json";
+  std::filesystem::create_directory(folder);
+  std::filesystem::create_symlink("saved.json", folder + "/link");
+  std::ofstream(name) << "old";
+  ::chmod(name.c_str(), 0640);
+  const auto files = [&] {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+  };
+  const auto shell = [&](const std::string& command) {
+    Process process({"/bin/sh", "-c", command}, directory_ + "/shell");
+    const int status = process.join();
+    return Result{status, process.out(), process.err()};
+  };
+  const std::string save = "exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " save ";
+  const struct {
+    std::string command;
+    const char* error;
+  } rows[] = {
+      {"ulimit -f 1; " + save + name,          "cannot be written, write: File too large"},
+      {save + "/dev/full",                     "cannot be written, write: No space left" },
+      {save + " >/dev/full",                   "standard output cannot be written"       },
+      {save + folder,                          "cannot be written, open: Is a directory" },
+      {save + name + "/x",                     "Not a directory"                         },
+      {save + directory_ + "/none/saved.json", "No such file or directory"               },
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.command);
+    const Result result = shell(row.command);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr(row.error));
+    EXPECT_EQ(contents(name), "old");
+    EXPECT_EQ(files(), 2);
+  }
+  EXPECT_THAT(ctl({"save", folder + "/link"}).out, HasSubstr("8 paths, "));
+  EXPECT_EQ(contents(name), ctl({"save"}).out);
+  EXPECT_TRUE(std::filesystem::is_symlink(folder + "/link"));
+  EXPECT_EQ(std::filesystem::status(name).permissions(), std::filesystem::perms(0640));
+  EXPECT_EQ(files(), 2);
+
+  // What comes from a pipe is compared as well; what cannot be is no difference.
+  EXPECT_EQ(
+      shell("exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " diff - <" + name).status,
+      0);
+  EXPECT_EQ(shell("exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " diff " +
+                  HOUSE_SOURCE_DIR "/examples/edge-router-change.json >/dev/full")
+                .status,
+            2);
+  EXPECT_EQ(ctl({"diff", "/does/not/exist"}).status, 2);
+  daemon_.reset();
+  EXPECT_EQ(ctl({"diff", name}).status, 2);
+}
+
+}  // namespace
+}  // namespace Tunnelctl
