@@ -7,7 +7,7 @@ packages='
   g++ clang clang-14 libclang-rt-14-dev llvm-14
   cmake ninja-build pkgconf python3
   libgtest-dev libgmock-dev
-  dpkg-dev fakeroot file gdb lintian
+  dpkg-dev fakeroot file gdb lintian zsh
   libbenchmark-dev libabsl-dev libboost-dev
   libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Kop/Exception.h"
+#include "apps/tunnelctl/Completion.h"
 #include "apps/tunnelctl/Session.h"
 #include "apps/tunnelctl/Verbs.h"
 
@@ -361,6 +362,12 @@ int run(const std::vector<std::string>& arguments, const Terminal& terminal) {
   try {
     Arguments read;
     Command command(read);
+    // A verb for the shells: what follows it is somebody's command line, not its own.
+    if (!arguments.empty() && arguments.front() == "complete") {
+      complete(command.app(), {arguments.begin() + 1, arguments.end()},
+               {read.style, read.socketPath, milliseconds(read.timeout), terminal.out});
+      return 0;
+    }
     try {
       command.app().parse(reversed(arguments));
     } catch (const CLI::CallForHelp&) {
