@@ -1,12 +1,8 @@
 #include "apps/agent/Places.h"
 
-#include <algorithm>
-#include <filesystem>
-
 #include "Hivel/Database.h"
 #include "Kop/Assert.h"
 #include "Kop/Exception.h"
-#include "Kop/Hash.h"
 
 namespace Agent {
 
@@ -93,18 +89,6 @@ bool hasIpv6(TunnelType type) {
   } catch (const Kop::InternalException&) {
     return false;  // the type is for IPv4 alone
   }
-}
-
-std::string shmName(const std::string& socketPath, std::string_view mountPath) {
-  std::string name = '/' + std::string(mountPath);
-  std::replace(name.begin() + 1, name.end(), '/', '.');
-  std::error_code ignored;  // what is not there has no links to resolve
-  const auto plain = std::filesystem::absolute(socketPath, ignored);
-  auto absolute = std::filesystem::weakly_canonical(plain, ignored);
-  if (absolute.empty()) absolute = plain.lexically_normal();
-  const std::string socket = absolute.string();
-  if (socket == defaultSocketPath) return name;
-  return name + std::string(Kop::stringPrintf("@%08x", Kop::String(socket).hash()));
 }
 
 TunnelId nextHopId(U32 group, U32 hop) {

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "Hivel/SharedMemory.h"
 #include "Kop/String.h"
 #include "Tunnel/TunnelBasicTypes.h"
 
@@ -23,8 +24,8 @@ using Tunnel::TunnelTable::TunnelId;
 using Tunnel::TunnelTable::TunnelTableIdentifier;
 using Tunnel::TunnelTable::TunnelType;
 
-// Where the state database listens when nobody says otherwise.
-inline constexpr std::string_view defaultSocketPath = "/run/hivel/hivel.sock";
+using Hivel::defaultSocketPath;
+using Hivel::shmName;
 
 inline constexpr std::string_view tableInfoPrefix = "tunnel/tableInfo";
 
@@ -54,12 +55,6 @@ TunnelType typeOfTable(const Kop::String& tableType);
 
 // Whether identifiers of the type may have the family bit.
 bool hasIpv6(TunnelType type);
-
-// The shared memory of a table: '/' and the mount path with '.' for '/', then, unless the
-// database is the default one, '@' and 8 hexadecimal digits of a hash of its socket's
-// absolute path with symbolic links resolved. So tables of several databases on one machine
-// do not meet.
-std::string shmName(const std::string& socketPath, std::string_view mountPath);
 
 // ---- next hops of a path ----
 
