@@ -11,7 +11,7 @@ packages='
   libbenchmark-dev libabsl-dev libboost-dev
   libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
-  libpugixml-dev libmnl-dev
+  libpugixml-dev libmnl-dev iproute2
 '
 
 if [ "${1:-}" = --list ]; then

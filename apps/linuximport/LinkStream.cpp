@@ -146,7 +146,6 @@ void LinkSocket::ask() {
 
 void LinkSocket::process() {
   for (;;) {
-    if (stream_.wantsDump()) ask();
     const std::size_t size = buffer_.size() * sizeof(U32);
     const ssize_t count = mnl_socket_recvfrom(socket_, buffer_.data(), size);
     if (count >= 0) {
@@ -154,7 +153,12 @@ void LinkSocket::process() {
           {reinterpret_cast<const U8*>(buffer_.data()), static_cast<std::size_t>(count)});
       continue;
     }
-    if (errno == EAGAIN) return;
+    if (errno == EAGAIN) {
+      if (!stream_.wantsDump()) return;
+      ask();
+      if (stream_.wantsDump()) return;
+      continue;
+    }
     if (errno == EINTR) continue;
     if (errno == ENOSPC && size < lastBufferSize) {
       buffer_.resize(buffer_.size() * 2);

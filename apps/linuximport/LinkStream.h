@@ -39,7 +39,9 @@ class LinkStream {
       onRepeat;  // a dump is thrown away, or is to be made
 
   // Whether a dump is to be asked for: at first, and whenever what is known cannot be trusted.
-  // The kernel takes one request at a time, so not while another is under way.
+  // The kernel takes one request at a time, so not while another is under way. When events
+  // were lost, all that is queued must be read first: until then the kernel loses more of them
+  // and does not say so again.
   bool wantsDump() const { return needed_ && !isDumping_; }
   bool isComplete() const { return !needed_ && !isDumping_; }
   void dumpIsAsked(U32 sequence);

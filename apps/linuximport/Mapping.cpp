@@ -179,6 +179,8 @@ Mapped map(const Link& link) {
       Tunnel::L3TunnelInfo info;
       fillL3(link, info, left);
       innerLeftOut(link, left);
+      if (link.kindName == "sit" && link.remote.af() == Vantor::noAddressFamily)
+        left.text("peers by the addresses inside");
       mapped.description = info;
       break;
     }

@@ -32,8 +32,8 @@
 //                     word that an interface is here, and its interfaces have one VNI each
 //
 // No description has room for: MTU, the interface below, marks, the UDP header between (FOU,
-// GUE), flow label and encapsulation limit, the inner protocol of plain tunnels, an incoming
-// key of vti unlike the outgoing one, what ERSPAN adds, and of VXLAN the own address, TTL, TOS
+// GUE), flow label and encapsulation limit, the inner protocol of plain tunnels, how 6to4 and
+// 6rd find a peer, an incoming key of vti unlike the outgoing one, what ERSPAN adds, and of VXLAN the own address, TTL, TOS
 // and UDP port. Such a thing that is set is told with the tunnel; MTU, which all have, is not.
 //
 // No tunnel here: interfaces with `external`, whose packets bring their tunnels; the kernel's

@@ -93,9 +93,8 @@ class Import {
   // ---- paths ----
 
   void mountAll() {
-    std::set<std::string> present;
     for (const auto& info : session_->paths("tunnel"))
-      present.insert(info.path);
+      present_.insert(info.path);
     std::vector<Hivel::Mount*> mounts;
     for (std::size_t which = 1; which <= tableCount; ++which) {
       Hivel::MountOptions options;
@@ -110,31 +109,36 @@ class Import {
                              [](const auto* mount) { return mount->settled(); });
         },
         context_.timeout);
-    std::string refusal;
     for (std::size_t i = 0; i < mounts.size(); ++i) {
       const Hivel::Mount& mount = *mounts[i];
       if (mount.state() == Hivel::Mount::State::live) continue;
-      if (i + 1 == vxlan && mount.reason().starts_with("the server has no type"))
-        tables_.takeAway(
-            vxlan, mount.reason() + "; start hiveld with --types libLinuxTunnel.so.0");
-      else if (refusal.empty())
-        refusal =
-            mount.path() + ": " +
-            (mount.settled() ? mount.reason() : "the server did not answer in time");
+      if (i + 1 != vxlan || !mount.reason().starts_with("the server has no type"))
+        giveUp(mounts, mount.path() + ": " +
+                           (mount.settled() ? mount.reason()
+                                            : "the server did not answer in time"));
+      tables_.takeAway(
+          vxlan, mount.reason() + "; start hiveld with --types libLinuxTunnel.so.0");
     }
-    if (!refusal.empty()) {
-      // What only this attempt made goes again.
-      for (const Hivel::Mount* mount : mounts)
-        client.unmount(mount->path(), !present.contains(mount->path()) &&
-                                          mount->state() == Hivel::Mount::State::live);
-      client.syncAndWait(context_.timeout);
-      throw Failure(refusal);
+    if (!tables_.entity(vxlan)) {
+      client.unmount(paths_[vxlan - 1]);
+      mounts.pop_back();
     }
     for (Hivel::Mount* mount : mounts)
       mount->onState = [this](Hivel::Mount& changed) {
         if (changed.state() == Hivel::Mount::State::refused)
           refusal_ = changed.path() + ": " + changed.reason();
       };
+  }
+
+  // What only this attempt made goes again.
+  [[noreturn]] void giveUp(const std::vector<Hivel::Mount*>& mounts,
+                           const std::string& refusal) {
+    Hivel::Client& client = session_->client();
+    for (std::size_t i = 0; i < mounts.size(); ++i)
+      client.unmount(paths_[i], !present_.contains(paths_[i]) &&
+                                    mounts[i]->state() == Hivel::Mount::State::live);
+    client.syncAndWait(context_.timeout);
+    throw Failure(refusal);
   }
 
   // ---- what is shown ----
@@ -292,7 +296,7 @@ class Import {
     session_->sync();
   }
 
-  static constexpr std::size_t vxlan = 4;  // of Description
+  static constexpr std::size_t vxlan = tableCount;  // of Description's, the last
 
   const Context& context_;
   const ImportLinuxOptions& options_;
@@ -305,7 +309,8 @@ class Import {
   Links first_;
   Tables tables_;
   std::unique_ptr<Session> session_;
-  std::string refusal_;  // of a path that was ours
+  std::set<std::string> present_;  // paths, before there were ours
+  std::string refusal_;            // of a path that was ours
   bool isUp_ = true;
 };
 

@@ -1,0 +1,211 @@
+#include <cerrno>
+#include <deque>
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "apps/linuximport/LinkStream.h"
+#include "apps/linuximport/Tables.h"
+#include "tests/linuximport/Messages.h"
+
+namespace LinuxImport {
+namespace {
+
+template <class Entity>
+std::multiset<std::string> entriesOf(const Tables& tables, std::size_t which) {
+  std::multiset<std::string> entries;
+  const auto entity = tables.entity(which);
+  for (const auto& node : static_cast<const Entity&>(*entity).entry())
+    entries.emplace(valueToStrep(node.key()));
+  return entries;
+}
+
+// A stream with tables behind it, as the command has them.
+class Followed : public testing::Test {
+ protected:
+  Followed() {
+    stream_.onAll = [this](const Links& links) {
+      ++lists_;
+      tables_.allAre(links);
+    };
+    stream_.onLink = [this](const Link& link) { tables_.linkIs(link); };
+    stream_.onGone = [this](U32 index) { tables_.linkDel(index); };
+  }
+  void receive(const Message& message) { stream_.receive(message.span()); }
+  static Message vxlan(U16 type, U32 sequence, U32 index, U32 vni, U16 flags = 0) {
+    return Message(type, sequence, flags)
+        .link(index, ("x" + std::to_string(index)).c_str())
+        .tunnel("vxlan", [&](nlmsghdr* header) {
+          mnl_attr_put_u32(header, IFLA_VXLAN_ID, vni);
+          mnl_attr_put_u32(header, IFLA_VXLAN_GROUP, 0x0200000a);
+        });
+  }
+  static std::string entry(U32 vni) {
+    return std::string(valueToStrep(Tunnel::VxlanTunnelInfo(
+        Vantor::IpGenAddr::fromIpv4(0x0a000002),
+        Vantor::IntfId(Kop::String("Vxlan" + std::to_string(vni))))));
+  }
+  std::multiset<std::string> vxlans() const {
+    return entriesOf<LinuxTunnel::VxlanTunnelInfoTable>(tables_, 4);
+  }
+  static Message done(U32 sequence, int status = 0, U16 type = NLMSG_DONE) {
+    return Message(type, sequence, NLM_F_MULTI).number(status);
+  }
+
+  LinkStream stream_;
+  Tables tables_;
+  int lists_ = 0, agreed_ = 0;
+};
+
+// Catches a port that leaves a bridge and is taken for an interface that is gone, an entry
+// that goes with the first of two interfaces that are it, a change or a new name that is lost.
+TEST_F(Followed, appliesWhatAKernelSent) {
+  stream_.dumpIsAsked(1);
+  receive(done(1));
+  std::vector<std::string> told;
+  tables_.onChange = [&](U32, const Imported* before, const Imported* after) {
+    told.push_back((before ? before->name : "") + ">" + (after ? after->name : ""));
+  };
+  U32 ofBridge = 0;
+  std::set<std::size_t> sizes;  // of the table of plain tunnels, as it went
+  const Bytes recording = Bytes::recorded("events.nl");
+  forEachMessage(recording, [&](const nlmsghdr* header) {
+    const Link link = readLink(payloadOf(header));
+    EXPECT_TRUE(link.faults.empty());
+    ofBridge += link.isBridgePort && header->nlmsg_type == RTM_DELLINK;
+    stream_.receive({reinterpret_cast<const U8*>(header), header->nlmsg_len});
+    sizes.insert(entriesOf<Tunnel::L3TunnelInfoTable>(tables_, 1).size());
+  });
+  EXPECT_EQ(ofBridge, 1u);
+  EXPECT_EQ(told, (std::vector<std::string>{">a0", "a0>b0", "b0>b0", ">c0", ">d0", "c0>",
+                                            ">e0", "e0>"}));
+  EXPECT_EQ(sizes, (std::set<std::size_t>{0, 1}));
+  const auto gre = entriesOf<Tunnel::GreTunnelInfoTable>(tables_, 2);
+  ASSERT_EQ(gre.size(), 1u);
+  EXPECT_NE(gre.begin()->find("'dst': '10.1.0.9'"), std::string::npos) << *gre.begin();
+  EXPECT_TRUE(entriesOf<Tunnel::IpsecVtiTunnelInfoTable>(tables_, 3).empty());
+}
+
+// Catches half a list that is applied, one that is applied although it cannot be trusted, and
+// an old answer that is taken for one to the new request.
+TEST_F(Followed, appliesOnlyListsThatAreWhole) {
+  const auto refuse = [&](U32 sequence, int error) {
+    receive(done(sequence, -error, NLMSG_ERROR));
+  };
+  EXPECT_TRUE(stream_.wantsDump());
+  stream_.dumpIsAsked(1);
+  EXPECT_FALSE(stream_.wantsDump());
+  receive(vxlan(RTM_NEWLINK, 1, 3, 30, NLM_F_DUMP_INTR));
+  EXPECT_FALSE(stream_.wantsDump()) << "the kernel takes one request at a time";
+  receive(done(1));
+  EXPECT_TRUE(stream_.wantsDump());
+
+  stream_.dumpIsAsked(2);
+  receive(done(1));  // of another request
+  receive(vxlan(RTM_NEWLINK, 2, 4, 40));
+  stream_.lost();
+  receive(done(2));
+  EXPECT_EQ(lists_, 0);
+  EXPECT_TRUE(stream_.wantsDump());
+
+  stream_.dumpIsAsked(3);
+  stream_.cut();  // its end was in what was cut
+  EXPECT_TRUE(stream_.wantsDump());
+  stream_.dumpIsAsked(4);
+  refuse(4, EBUSY);
+  EXPECT_TRUE(stream_.wantsDump());
+
+  stream_.dumpIsAsked(5);
+  receive(vxlan(RTM_NEWLINK, 5, 5, 50));
+  EXPECT_TRUE(vxlans().empty());
+  receive(done(5));
+  EXPECT_EQ(lists_, 1);
+  EXPECT_TRUE(stream_.isComplete());
+  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(50)});
+
+  stream_.askAgain();
+  stream_.dumpIsAsked(6);
+  EXPECT_THROW(refuse(6, EPERM), NetlinkException);
+  const Message event = vxlan(RTM_NEWLINK, 0, 9, 90);
+  EXPECT_THROW(stream_.receive(event.span().first(event.span().size() - 4)),
+               NetlinkException);
+  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(50)})
+      << "nothing of it was applied";
+}
+
+// Catches any order of lists, events and losses after which the table is not what the kernel
+// has: random ones against a plain map. The queue between is that of a socket: full, it loses
+// events until it has been read to its end, and says so once, before what is in it.
+TEST_F(Followed, endsAtWhatTheKernelHas) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const auto below = [&](U32 n) { return static_cast<U32>(random() % n); };
+  const auto stranger = tables_.entity(4);
+  static_cast<LinuxTunnel::VxlanTunnelInfoTable&>(*stranger).entryIs({}, true);
+
+  std::map<U32, U32> kernel;  // VNI by index
+  std::deque<Message> queue;
+  bool isCongested = false, isLost = false;
+  const auto event = [&](const Message& message) {
+    if (queue.size() < 10 && !isCongested) return queue.push_back(message);
+    isLost = isLost || !isCongested;
+    isCongested = true;
+  };
+  U32 sequence = 0, at = 0;  // the dump has told the indices below
+  bool isDumping = false;
+  for (int step = 0; step < 50000; ++step) {
+    const U32 index = 1 + below(12), vni = below(6);
+    switch (below(12)) {
+      case 0:
+        kernel[index] = vni;
+        event(vxlan(RTM_NEWLINK, 0, index, vni));
+        break;
+      case 1:
+        if (kernel.erase(index) > 0) event(vxlan(RTM_DELLINK, 0, index, 0));
+        break;
+      case 2:
+        if (below(50) == 0) stream_.askAgain();
+        break;
+      case 3:
+      case 4:
+      case 5:
+        if (!isDumping || queue.size() > 5) break;
+        if (const auto next = kernel.lower_bound(at); next == kernel.end()) {
+          queue.push_back(done(sequence));
+          isDumping = false;
+        } else {
+          queue.push_back(vxlan(RTM_NEWLINK, sequence, next->first, next->second,
+                                below(200) == 0 ? NLM_F_DUMP_INTR : 0));
+          at = next->first + 1;
+        }
+        break;
+      default:
+        if (below(30) != 0 && step % 500 < 100) break;  // a reader that is slow at times
+        if (std::exchange(isLost, false)) {
+          stream_.lost();
+        } else if (!queue.empty()) {
+          receive(queue.front());
+          queue.pop_front();
+          isCongested = isCongested && !queue.empty();
+        } else if (stream_.wantsDump()) {
+          stream_.dumpIsAsked(++sequence);
+          isDumping = true;
+          at = 0;
+        }
+    }
+    if (!stream_.isComplete() || !queue.empty() || isLost) continue;
+    std::set<std::string> wanted;
+    for (const auto& [unused, number] : kernel)
+      wanted.insert(entry(number));
+    const auto held = vxlans();
+    ASSERT_EQ(std::set<std::string>(held.begin(), held.end()), wanted) << "step " << step;
+    ++agreed_;
+  }
+  EXPECT_GT(lists_, 50);
+  EXPECT_GT(agreed_, 1000);
+}
+
+}  // namespace
+}  // namespace LinuxImport

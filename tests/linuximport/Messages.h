@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <linux/if_link.h>
+#include <linux/if_tunnel.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <libmnl/libmnl.h>
+
+#include "Kop/Types.h"
+
+// Messages of the kernel: recorded ones (see ORIGIN), and such as no kernel would send.
+
+namespace LinuxImport {
+
+class Bytes {
+ public:
+  explicit Bytes(std::span<const U8> bytes)
+      : words_(bytes.size() / 4 + 1), size_(bytes.size()) {
+    if (size_ > 0) std::memcpy(words_.data(), bytes.data(), size_);
+  }
+  static Bytes recorded(const char* name) {
+    std::ifstream file(std::string(HOUSE_SOURCE_DIR "/tests/linuximport/") + name,
+                       std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    if (text.empty()) throw std::runtime_error(std::string(name) + " cannot be read");
+    return Bytes({reinterpret_cast<const U8*>(text.data()), text.size()});
+  }
+  U8* data() { return reinterpret_cast<U8*>(words_.data()); }
+  std::span<const U8> span() const {
+    return {reinterpret_cast<const U8*>(words_.data()), size_};
+  }
+
+ private:
+  std::vector<U32> words_;  // for their alignment
+  std::size_t size_;
+};
+
+inline void forEachMessage(const Bytes& bytes,
+                           const std::function<void(const nlmsghdr*)>& visit) {
+  auto left = static_cast<int>(bytes.span().size());
+  auto* header = reinterpret_cast<const nlmsghdr*>(bytes.span().data());
+  for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left))
+    visit(header);
+}
+inline std::span<const U8> payloadOf(const nlmsghdr* header) {
+  return {static_cast<const U8*>(mnl_nlmsg_get_payload(header)),
+          mnl_nlmsg_get_payload_len(header)};
+}
+
+// One message with an interface in it.
+class Message {
+ public:
+  Message(U16 type, U32 sequence, U16 flags = 0) {
+    mnl_nlmsg_put_header(buffer_);
+    header()->nlmsg_type = type;
+    header()->nlmsg_seq = sequence;
+    header()->nlmsg_flags = flags;
+  }
+  Message& link(U32 index, const char* name, U8 family = AF_UNSPEC) {
+    auto* const info =
+        static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(header(), sizeof(ifinfomsg)));
+    info->ifi_family = family;
+    info->ifi_index = static_cast<int>(index);
+    mnl_attr_put_strz(header(), IFLA_IFNAME, name);
+    return *this;
+  }
+  Message& tunnel(const char* kind, const std::function<void(nlmsghdr*)>& data) {
+    nlattr* const info = mnl_attr_nest_start(header(), IFLA_LINKINFO);
+    mnl_attr_put_strz(header(), IFLA_INFO_KIND, kind);
+    nlattr* const nest = mnl_attr_nest_start(header(), IFLA_INFO_DATA);
+    data(header());
+    mnl_attr_nest_end(header(), nest);
+    mnl_attr_nest_end(header(), info);
+    return *this;
+  }
+  Message& number(int value) {
+    std::memcpy(mnl_nlmsg_put_extra_header(header(), sizeof value), &value, sizeof value);
+    return *this;
+  }
+  std::span<const U8> span() const {
+    return {reinterpret_cast<const U8*>(buffer_), header()->nlmsg_len};
+  }
+  std::span<const U8> payload() const { return payloadOf(header()); }
+
+ private:
+  nlmsghdr* header() { return reinterpret_cast<nlmsghdr*>(buffer_); }
+  const nlmsghdr* header() const { return reinterpret_cast<const nlmsghdr*>(buffer_); }
+
+  alignas(8) char buffer_[512] = {};
+};
+
+}  // namespace LinuxImport
