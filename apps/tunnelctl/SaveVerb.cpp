@@ -17,10 +17,15 @@ namespace {
 // What operators decide. Other types hold what agents and hardware found out, or requests,
 // which are not to be made again.
 constexpr std::string_view configurationTypes[] = {
-    "Tunnel::Decap::ConfigInput",      "Tunnel::MplsTunnelConfig",
-    "Tunnel::Static::Config",          "Tunnel::NexthopGroup::ConfigInput",
-    "Tunnel::L3TunnelInfoTable",       "Tunnel::GreTunnelInfoTable",
-    "Tunnel::IpsecGreTunnelInfoTable", "Tunnel::IpsecVtiTunnelInfoTable",
+    "Tunnel::Decap::ConfigInput",
+    "Tunnel::MplsTunnelConfig",
+    "Tunnel::Static::Config",
+    "Tunnel::NexthopGroup::ConfigInput",
+    "Tunnel::L3TunnelInfoTable",
+    "Tunnel::GreTunnelInfoTable",
+    "Tunnel::IpsecGreTunnelInfoTable",
+    "Tunnel::IpsecVtiTunnelInfoTable",
+    "LinuxTunnel::VxlanTunnelInfoTable",
 };
 
 bool isConfiguration(std::string_view type) {

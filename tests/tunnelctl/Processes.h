@@ -105,7 +105,8 @@ class ProcessesThreads : public testing::Test {
   void startDaemon() {
     daemon_ = std::make_unique<Process>(
         std::vector<std::string>{HOUSE_BIN_DIR "/hiveld", "--socket", socket_, "--types",
-                                 HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0"},
+                                 HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0", "--types",
+                                 HOUSE_LIB_DIR "/libLinuxTunnel.so.0"},
         directory_ + "/hiveld");
     ASSERT_TRUE(eventually([&] { return ctl({"status"}).status == 0; }))
         << daemon_->err();

@@ -62,12 +62,13 @@ TEST_F(ProcessesThreads, whatOneAppliesAnotherFollowsAndAThirdShows) {
 }
 
 // Catches nested values, ordered maps and records as keys that do not survive being shown.
-TEST_F(ProcessesThreads, staticTunnelsAreShownAsTheyWereApplied) {
-  const std::string tunnels = HOUSE_SOURCE_DIR "/examples/static-tunnels.json";
+TEST_F(ProcessesThreads, aWholeRouterIsShownAsItWasApplied) {
+  const std::string tunnels = HOUSE_SOURCE_DIR "/examples/whole-router.json";
   auto monitor = startMonitor({"tunnel"});
   const Result applied = ctl({"apply", tunnels});
   ASSERT_EQ(applied.status, 0) << applied.err;
-  EXPECT_THAT(applied.out, HasSubstr("6 paths: 6 paths made, 9 entries added"));
+  EXPECT_THAT(applied.out,
+              HasSubstr("9 paths: 9 paths made, 5 attributes set, 25 entries"));
   EXPECT_EQ(ctl({"apply", "--check", tunnels}).status, 0);
   const Result shown = ctl({"-j", "show", "/"});
   EXPECT_THAT(ctl({"apply", file("shown.json", shown.out)}).out,
@@ -83,7 +84,7 @@ TEST_F(ProcessesThreads, staticTunnelsAreShownAsTheyWereApplied) {
   const std::string label = "\"push[100044]\"";
   changed.replace(changed.find(label), label.size(), "\"push[100045]\"");
   EXPECT_THAT(ctl({"apply", file("changed.json", changed)}).out,
-              HasSubstr("6 paths: 1 entry changed"));
+              HasSubstr("9 paths: 1 entry changed"));
   EXPECT_TRUE(eventually([&] {
     return monitor->out().find("push[100045]: true") != std::string::npos;
   })) << monitor->out();

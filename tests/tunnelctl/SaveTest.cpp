@@ -50,7 +50,8 @@ TEST_F(SaveThreads, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
   Random random(seed);
   const std::string other = directory_ + "/other.sock", first = socket_;
   const Process otherDaemon({HOUSE_BIN_DIR "/hiveld", "--socket", other, "--types",
-                             HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0"},
+                             HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0", "--types",
+                             HOUSE_LIB_DIR "/libLinuxTunnel.so.0"},
                             directory_ + "/other");
   for (int round = 0; round < 3; ++round) {
     fill(random);
@@ -160,7 +161,7 @@ TEST_F(SaveThreads, aFileIsReplacedAsAWholeOrNotAtAll) {
     EXPECT_EQ(contents(name), "old");
     EXPECT_EQ(files(), 2);
   }
-  EXPECT_THAT(ctl({"save", folder + "/link"}).out, HasSubstr("8 paths, "));
+  EXPECT_THAT(ctl({"save", folder + "/link"}).out, HasSubstr("9 paths, "));
   EXPECT_EQ(contents(name), ctl({"save"}).out);
   EXPECT_TRUE(std::filesystem::is_symlink(folder + "/link"));
   EXPECT_EQ(std::filesystem::status(name).permissions(), std::filesystem::perms(0640));
