@@ -5,7 +5,7 @@
 #include <ostream>
 #include <set>
 
-#include "Hivel/Exception.h"
+#include "Hivel/Database.h"
 #include "Kop/Exception.h"
 #include "apps/linuximport/LinkStream.h"
 #include "apps/linuximport/Tables.h"
@@ -317,9 +317,14 @@ class Import {
 }  // namespace
 
 int importLinux(const Context& context, const ImportLinuxOptions& options) {
+  try {
+    Hivel::checkPath(pathOf(1, options.name));
+  } catch (const Kop::RangeException& error) {
+    throw UsageError("--name '" + printable(options.name) + "': " + error.what());
+  }
   if (options.name.find('/') != options.name.npos)
     throw UsageError("--name '" + printable(options.name) +
-                     "': one part of a path, no '/'");
+                     "': more than one part of a path");
   try {
     return Import(context, options).run();
   } catch (const Kop::Exception& error) {

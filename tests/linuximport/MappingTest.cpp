@@ -1,17 +1,16 @@
-#include "apps/linuximport/Mapping.h"
-
 #include <map>
 
 #include <gtest/gtest.h>
 
+#include "apps/linuximport/Mapping.h"
 #include "tests/linuximport/Messages.h"
 
 namespace LinuxImport {
 namespace {
 
 using namespace Tunnel;
-using Vantor::IpGenAddr;
 using Vantor::IntfId;
+using Vantor::IpGenAddr;
 
 IpGenAddr ip(const char* text) {
   return *text ? IpGenAddr(Kop::String(text)) : IpGenAddr();
@@ -47,6 +46,7 @@ TEST(Mapping, readsWhatAKernelTells) {
     Description description;
     const char* text;  // what is left out, or why it is no tunnel
   };
+  // clang-format off
   const Row rows[] = {
       {"g0", GreTunnelInfo(a, ip("10.0.0.2"), 0, 64, true, 0, flags(key), flags(key), 9, 9), ""},
       {"g1", GreTunnelInfo(a, ip("10.0.0.3"), 0x48, 17, true, 0, flags(all), flags(checksumFlag | key),
@@ -88,6 +88,7 @@ TEST(Mapping, readsWhatAKernelTells) {
       {"ip6tnl0", {}, "names no end"}, {"ip6gre0", {}, "names no end"}, {"ip6_vti0", {}, "names no end"},
       {"lo", {}, ""},                 {"un0", {}, ""},                 {"vrf0", {}, ""},
   };
+  // clang-format on
   const auto links = recordedLinks();
   EXPECT_EQ(links.size(), std::size(rows));
   for (const Row& row : rows) {
@@ -109,6 +110,7 @@ TEST(Mapping, namesWhatItCannotRead) {
   };
   const U8 six[6] = {10, 0, 0, 1, 0, 0};
   const auto ends = [](nlmsghdr* h) { mnl_attr_put_u32(h, IFLA_GRE_REMOTE, 0x0200000a); };
+  // clang-format off
   const Row rows[] = {
       {"gre", [&](nlmsghdr* h) { mnl_attr_put(h, IFLA_GRE_LOCAL, 6, six); },
        "malformed: IFLA_LINKINFO.IFLA_INFO_DATA.IFLA_GRE_LOCAL: 6 bytes, expected 4"},
@@ -140,9 +142,11 @@ TEST(Mapping, namesWhatItCannotRead) {
        },
        "GUE, incoming flags 0x4000"},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.text);
-    const Message message = Message(RTM_NEWLINK, 0).link(7, "t7").tunnel(row.kind, row.data);
+    const Message message =
+        Message(RTM_NEWLINK, 0).link(7, "t7").tunnel(row.kind, row.data);
     const Link link = readLink(message.payload());
     EXPECT_EQ(link.index, 7u);
     EXPECT_EQ(link.name, "t7");
@@ -158,18 +162,13 @@ TEST(Mapping, findsEveryCut) {
   const Bytes recording = Bytes::recorded("links.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     const auto payload = payloadOf(header);
-    if (header->nlmsg_type != RTM_NEWLINK || readLink(payload).name != "g1") return;
-    const Mapped whole = map(readLink(payload));
+    const Link link = readLink(payload);
+    if (header->nlmsg_type != RTM_NEWLINK || link.name != "g1") return;
     std::size_t malformed = 0;
     for (std::size_t size = 0; size < payload.size(); ++size) {
-      const std::vector<U32> cut = [&] {
-        std::vector<U32> words((size + 3) / 4);
-        if (size > 0) std::memcpy(words.data(), payload.data(), size);
-        return words;
-      }();
-      const Mapped mapped = map(readLink({reinterpret_cast<const U8*>(cut.data()), size}));
+      const Mapped mapped = map(readLink(Bytes(payload.first(size)).span()));
       // Cut before the attributes of tunnels, or behind them, in padding or between others.
-      EXPECT_TRUE(!mapped.isTunnel() || mapped == whole ||
+      EXPECT_TRUE(!mapped.isTunnel() || mapped == map(link) ||
                   mapped.reason.starts_with("malformed"))
           << size;
       malformed += mapped.reason.starts_with("malformed");

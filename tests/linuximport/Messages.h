@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -25,8 +26,8 @@ namespace LinuxImport {
 class Bytes {
  public:
   explicit Bytes(std::span<const U8> bytes)
-      : words_(bytes.size() / 4 + 1), size_(bytes.size()) {
-    if (size_ > 0) std::memcpy(words_.data(), bytes.data(), size_);
+      : words_((bytes.size() + 3) / 4), size_(bytes.size()) {
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<U8*>(words_.data()));
   }
   static Bytes recorded(const char* name) {
     std::ifstream file(std::string(HOUSE_SOURCE_DIR "/tests/linuximport/") + name,
@@ -35,7 +36,6 @@ class Bytes {
     if (text.empty()) throw std::runtime_error(std::string(name) + " cannot be read");
     return Bytes({reinterpret_cast<const U8*>(text.data()), text.size()});
   }
-  U8* data() { return reinterpret_cast<U8*>(words_.data()); }
   std::span<const U8> span() const {
     return {reinterpret_cast<const U8*>(words_.data()), size_};
   }
