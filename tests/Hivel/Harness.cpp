@@ -17,8 +17,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Kop/NboAttrLogSa.h"
-
 namespace HivelTest {
 
 namespace {
@@ -31,35 +29,6 @@ sockaddr_un addressOf(const std::string& path) {
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   return address;
-}
-
-void dumpInto(Kop::TextOut& out, Kop::Entity& entity) {
-  for (const auto& attr : entity.kopTable().attrs) {
-    out.append(attr.name);
-    out.append('=');
-    if (!attr.collection) {
-      Kop::NboAttrLog::Out bytes;
-      attr.write(bytes, entity);
-      Kop::strepWriteQuoted(out,
-                            {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    } else {
-      out.append('{');
-      const auto it = attr.collection->iterator(entity);
-      for (; it->iterNonnull(); it->iterInc()) {
-        attr.collection->key->text(out, it->iterKey());
-        out.append(':');
-        if (const Ptr<Kop::Entity> child = it->iterObj()) {
-          out.number(child->identity());
-          dumpInto(out, *child);
-        } else if (const void* value = it->iterValue()) {
-          attr.collection->value->text(out, value);
-        }
-        out.append(' ');
-      }
-      out.append('}');
-    }
-    out.append('\n');
-  }
 }
 
 }  // namespace
@@ -79,12 +48,6 @@ std::vector<std::string> TempDir::names() const {
     names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
-}
-
-std::string dump(Kop::Entity& entity) {
-  Kop::TextOut out;
-  dumpInto(out, entity);
-  return std::string(out.view());
 }
 
 void scribble(Plot& plot, std::minstd_rand& random) {
@@ -164,18 +127,12 @@ bool Raw::receive() {
   for (;;) {
     const auto room = frames_.room(1 << 16);
     const ssize_t size = ::recv(fd_, room.data(), room.size(), 0);
-    if (size == 0) return true;
-    if (size < 0) return errno != EAGAIN;
+    if (size <= 0) return size == 0 || errno != EAGAIN;
     frames_.arrived(static_cast<std::size_t>(size));
   }
 }
-std::optional<Bytes> Raw::next() {
-  const auto frame = frames_.next();
-  if (!frame) return std::nullopt;
-  return Bytes(frame->begin(), frame->end());
-}
 std::string Raw::error() {
-  while (const auto frame = next())
+  while (const auto frame = frames_.next())
     if (frame->front() == static_cast<U8>(Hivel::FrameKind::error))
       return Hivel::decode<Hivel::Frame::Error>(*frame).reason;
   return {};

@@ -14,6 +14,7 @@
 #include "Hivel/Protocol.h"
 #include "Hivel/Server.h"
 #include "TestTypes.h"
+#include "tests/Kop/EntityDump.h"
 
 // Servers, clients and daemons over real sockets in a directory of their own.
 
@@ -44,12 +45,10 @@ class TempDir {
   std::string path_;
 };
 
-// Everything of an entity and below as text, with the identities of children: equal for
-// equal copies.
-std::string dump(Kop::Entity& entity);
+// Nothing, when there is no entity.
 template <class T>
-std::string dump(const Ptr<T>& entity) {
-  return entity ? dump(static_cast<Kop::Entity&>(*entity)) : "none";
+EntityDump dump(const Ptr<T>& entity) {
+  return entity ? ::dump(*entity) : EntityDump();
 }
 
 // One random write among few keys, so that keys are deleted and come back.
@@ -102,7 +101,7 @@ class Raw {
   }
   // What has come until now; whether the other side has closed.
   bool receive();
-  std::optional<Bytes> next();  // a frame without its length
+  auto next() { return frames_.next(); }  // a frame without its length
   // The reason of an error frame among what came, or empty.
   std::string error();
 

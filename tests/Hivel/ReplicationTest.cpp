@@ -139,7 +139,7 @@ TEST(HivelReplication, aReaderIsLiveOnlyWithAWholeState) {
     writer.mount("a", Mode::replace, {plot, {}, true});
     loop.add(writer);
     const auto isWhole = [&] {
-      const std::string state = dump(in->entity());
+      const EntityDump state = dump(in->entity());
       if (in->state() == Mount::State::catchingUp) mixed = true;
       if (in->state() != Mount::State::live) return false;
       // Live: one of the three, the second only if its writer lived to tell it.
@@ -216,6 +216,9 @@ TEST(HivelThreads, partiesShareNothing) {
       const Mount& in =
           reader.mountAndWait("p" + std::to_string(i), Mode::read, {}, patience);
       EXPECT_EQ(dump(in.entity()), dump(plot));
+      EXPECT_EQ(reader.statusAndWait(patience).name, "hivel");
+      EXPECT_EQ(reader.listAndWait("p" + std::to_string(i), patience).at(0).type,
+                "Garden::Plot");
     });
   for (auto& writer : writers)
     writer.join();

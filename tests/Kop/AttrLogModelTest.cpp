@@ -9,26 +9,22 @@
 namespace Sample {
 namespace {
 
-std::map<std::string, Kop::Ptr<Branch>> branchesOf(const TallTree& tree) {
-  std::map<std::string, Kop::Ptr<Branch>> branches;
+using Branches = std::vector<Kop::Ptr<Branch>>;
+Branches branchesOf(const TallTree& tree) {
+  Branches branches;
   for (const auto& node : tree.branch())
-    branches[std::string(std::string_view(node.key()))] = node.value;
+    branches.push_back(node.value);
   return branches;
 }
 
-// Every child is the same object when it is the same entity, and another one otherwise.
-void expectIdentities(const TallTree& tree,
-                      const TallTree& copy,
-                      const std::map<std::string, Kop::Ptr<Branch>>& before) {
-  for (const auto& [key, branch] : branchesOf(tree)) {
-    const auto mirrored = copy.branch(Kop::String(key));
-    ASSERT_TRUE(mirrored) << key;
-    EXPECT_EQ(mirrored->identity(), branch->identity()) << key;
-    EXPECT_EQ(mirrored->parent(), &copy);
-    const auto old = before.find(key);
-    if (old == before.end()) continue;
-    EXPECT_EQ(mirrored == old->second, old->second->identity() == branch->identity())
-        << key;
+// The copy equals the tree, and each of its children is the same object as before if it is
+// the same entity.
+void expectEqual(TallTree& tree, TallTree& copy, const Branches& before = {}) {
+  ASSERT_EQ(dump(copy), dump(tree));
+  for (const auto& now : branchesOf(copy)) {
+    EXPECT_EQ(now->parent(), &copy);
+    for (const auto& old : before)
+      EXPECT_EQ(now == old, now->identity() == old->identity()) << now->name();
   }
 }
 
@@ -37,9 +33,9 @@ void expectIdentities(const TallTree& tree,
 TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
   Random random(41);
   const auto tree = TallTree::TallTreeIs("t");
-  TreeModel model;
+  TreeModel model = dump(*tree);
   U32 serial = 0;
-  for (int i = 0; i < 60; ++i)
+  for (int i = 0; i < 30; ++i)
     randomWrite(random, *tree, model, ++serial);
   Stream stream;
   std::vector<TreeModel> past;
@@ -50,17 +46,17 @@ TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
     session.resync();
     ASSERT_TRUE(session.process());
     past.push_back(model);
-    for (int i = 0; i < 150; ++i) {
+    for (int i = 0; i < 90; ++i) {
       randomWrite(random, *tree, model, ++serial, true);
       session.process();
       past.push_back(model);
-      ASSERT_EQ(modelOf(*tree), model);
+      ASSERT_EQ(dump(*tree), model);
     }
     bytes = bytesOf(stream.out());
   }
   for (int i = 0; i < 20; ++i)
     randomWrite(random, *tree, model, ++serial);  // while the link is down
-  ASSERT_EQ(modelOf(*tree), model);
+  ASSERT_EQ(dump(*tree), model);
 
   const auto copy = TallTree::TallTreeIs("growing");
   Reader growing(copy, root);
@@ -69,14 +65,14 @@ TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
   for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
     if (!growing.arrived(&bytes[cut], 1)) continue;
     if (growing.session.catchingUp()) continue;
-    const TreeModel now = modelOf(*copy);
+    const TreeModel now = dump(*copy);
     while (state < past.size() && !(past[state] == now))
       ++state;
     ASSERT_LT(state, past.size()) << "no past state, at byte " << cut;
-    sawAll = sawAll || state > 100;
+    sawAll = sawAll || state > 60;
   }
   EXPECT_TRUE(sawAll);
-  EXPECT_EQ(state, past.size() - 1);
+  EXPECT_EQ(past[state], past.back());
 
   for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
     SCOPED_TRACE(cut);
@@ -89,8 +85,7 @@ TEST(AttrLogCut, atEveryByteLeavesAPastStateAndComesBackWhole) {
     Link link(tree, replica);
     link.writer.resync();
     link.drain();
-    ASSERT_EQ(modelOf(*replica), model);
-    expectIdentities(*tree, *replica, before);
+    expectEqual(*tree, *replica, before);
     ASSERT_FALSE(HasFailure());
   }
 }
@@ -134,12 +129,11 @@ TEST(AttrLogRandom, replicasEqualAPlainModelThroughStopsAndLostLinks) {
     SCOPED_TRACE(seed);
     Random random(seed);
     const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
-    TreeModel model;
+    TreeModel model = dump(*tree);
     Order order(copy);
     U32 serial = 0, links = 0;
-    auto before = branchesOf(*copy);
+    U64 coalesced = 0;
     const auto connect = [&] {
-      before = branchesOf(*copy);
       auto link = std::make_unique<Link>(tree, copy, 100 + random() % 600);
       link->writer.resync();
       ++links;
@@ -159,34 +153,38 @@ TEST(AttrLogRandom, replicasEqualAPlainModelThroughStopsAndLostLinks) {
         link->stream.creditIs(random() % 3);
         link->writer.process();
         link->stream.creditIs(1u << 30);
-      } else if (dice < 99) {
+      } else {
+        const Branches before = branchesOf(*copy);
+        coalesced += link->stream.counters().coalesced;
         link.reset();
         link = connect();
-      } else {
+        if (random() % 2 == 0) continue;
         link->drain();
-        ASSERT_EQ(modelOf(*tree), model) << "step " << step;
-        ASSERT_EQ(modelOf(*copy), model) << "step " << step;
-        expectIdentities(*tree, *copy, {});
+        expectEqual(*tree, *copy, before);
+        ASSERT_EQ(dump(*tree), model) << "step " << step;
       }
       if (HasFailure()) FAIL() << "step " << step;
     }
     link->drain();
-    EXPECT_EQ(modelOf(*copy), model);
+    expectEqual(*tree, *copy);
+    EXPECT_EQ(dump(*copy), model);
     EXPECT_GT(links, 10u);
     EXPECT_GT(order.told, 50u);
-    EXPECT_GT(link->stream.counters().coalesced, 0u);
+    EXPECT_GT(coalesced, 0u);
     copy->mark().verify();
     copy->place().verify();
     copy->branch().verify();
   }
 }
 
-// Catches memory that grows with the changes instead of with what is alive.
+// Catches memory that grows with the changes instead of with what is alive, and a collection
+// that is sent again while the walk of another one waits.
 TEST(AttrLogBounded, aReaderThatDoesNotReadCostsAMarkPerLiveKey) {
   const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
+  for (U32 n = 0; n < 500; ++n)  // their walk waits, too
+    tree->placeIs(Port(n, U8{0}), placeOf(n));
   Link link(tree, copy, 4096);
   link.writer.resync();
-  link.drain();
   const U32 live = 50;
   for (U32 n = 0; n < live; ++n)
     tree->flagIs(Kop::String(std::to_string(n)), true);
@@ -211,7 +209,7 @@ TEST(AttrLogBounded, aReaderThatDoesNotReadCostsAMarkPerLiveKey) {
   EXPECT_LT(counters.messagesOut, 1000u);
   EXPECT_EQ(tree->markCount(), live);
   link.drain();
-  EXPECT_EQ(modelOf(*copy), modelOf(*tree));
+  EXPECT_EQ(dump(*copy), dump(*tree));
   EXPECT_EQ(copy->markCount(), live);
 }
 

@@ -1,59 +1,25 @@
 #include "TreeModel.h"
 
+#include "Kop/GenericIfImpl.h"
+
 namespace Sample {
 
 namespace {
 
-std::string plain(const Kop::String& text) {
-  return {text.data(), text.size()};
+template <class T>
+std::string logged(const T& value) {
+  Kop::NboAttrLog::Out out;
+  Kop::TypeOpsOf<T>::ops.logWrite(out, &value);
+  return bytesText(out);
 }
-std::string fieldsOf(const Place& place) {
-  std::string fields = plain(place.label());
-  for (const U64 number :
-       {place.port().index(), U64{place.port().chip()}, U64{place.level().value()},
-        U64{place.shape()}, U64{place.colour()}, U64{place.up()}, U64{place.width()}})
-    fields += ' ' + std::to_string(number);
-  return fields + ' ' + std::to_string(place.weight());
-}
-std::set<std::string> membersOf(const Crowd& crowd) {
-  std::set<std::string> members{std::to_string(crowd.shape())};
-  for (const auto& node : crowd.member())
-    members.insert(plain(node.key()));
-  return members;
+template <class K>
+std::string at(const std::string& collection, const K& key) {
+  Kop::TextOut text;
+  Kop::TypeOpsOf<K>::ops.text(text, &key);
+  return collection + "/" + std::string(text.view());
 }
 
 }  // namespace
-
-TreeModel modelOf(const TallTree& tree) {
-  TreeModel model;
-  for (const auto& node : tree.mark())
-    model.marks.insert(node.key());
-  for (const auto& node : tree.flag())
-    model.flags[plain(node.key())] = node.value;
-  for (const auto& node : tree.place())
-    model.places[{node.key().index(), node.key().chip()}] = fieldsOf(node.value);
-  for (const auto& node : tree.stop())
-    model.stops[plain(node.key())] = node.value.zone();
-  for (const auto& node : tree.branch()) {
-    BranchModel& branch = model.branches[plain(node.key())];
-    branch.label = plain(node.value->label());
-    for (const auto& below : node.value->leaf()) {
-      LeafModel& leaf = branch.leaves[plain(below.key())];
-      leaf.size = below.value->size();
-      for (const auto& spot : below.value->spot())
-        leaf.spots[spot.key()] = spot.value;
-    }
-  }
-  for (const auto& node : tree.slot())
-    model.slots[node.key()] = node.value->depth();
-  model.colour = tree.colour();
-  model.level = tree.level().value();
-  model.height = tree.height();
-  model.ratio = tree.ratio();
-  for (const auto& node : tree.crowd())
-    model.crowds[node.key()] = membersOf(node.value);
-  return model;
-}
 
 Place placeOf(U32 n) {
   return Place(Port(U64{n} << 33 | n, static_cast<U8>(n)), Kop::String(std::to_string(n)),
@@ -72,90 +38,97 @@ Crowd crowdOf(U32 n) {
 void randomWrite(
     Random& random, TallTree& tree, TreeModel& model, U32 serial, bool single) {
   const auto below = [&](U32 n) { return static_cast<U32>(random() % n); };
-  const U32 n = below(12);
-  const std::string key = "key" + std::to_string(n);
-  const Kop::String name(key);
-  const auto leafOf = [&](std::string& branchKey) -> Kop::Ptr<Leaf> {
-    branchKey = "b" + std::to_string(below(3));
-    const Kop::Ptr<Branch> branch = tree.branch(Kop::String(branchKey));
-    return branch ? branch->leaf(name) : nullptr;
+  const auto erase = [&](const std::string& path) {  // with all below it
+    std::erase_if(model, [&](const auto& entry) {
+      return (entry.first + "/").starts_with(path + "/");
+    });
   };
-  std::string at;
+  const U32 n = below(12);
+  const U16 number = static_cast<U16>(n);
+  const bool yes = below(2);
+  const Kop::String name("key" + std::to_string(n)),
+      branchName("b" + std::to_string(below(3)));
+  const Port port(n, U8{1});
+  const Place place = placeOf(below(1000));
+  const Shape shape = static_cast<Shape>(below(3));
+  const std::string branchAt = at("branch", branchName),
+                    leafAt = at(branchAt + "/leaf", name);
+  const Kop::Ptr<Branch> branch = tree.branch(branchName);
+  const Kop::Ptr<Leaf> leaf = branch ? branch->leaf(name) : nullptr;
+  const auto newBranch = [&] {
+    model[branchAt] = logged(tree.branchIs(branchName)->identity());
+    model[branchAt + "/label"] = logged(Kop::String());
+  };
+  const auto newLeaf = [&](const Kop::Ptr<Branch>& parent) {
+    model[leafAt] = logged(parent->leafIs(name)->identity());
+    model[leafAt + "/size"] = logged(U32{7});
+  };
   switch (below(single ? 20 : 25)) {
-    case 0: tree.markIs(n), model.marks.insert(n); break;
-    case 1: tree.markDel(n), model.marks.erase(n); break;
-    case 2: {
-      const bool value = below(2);
-      tree.flagIs(name, value), model.flags[key] = value;
-      break;
-    }
-    case 3: tree.flagDel(name), model.flags.erase(key); break;
+    case 0: tree.markIs(n), model[at("mark", n)]; break;
+    case 1: tree.markDel(n), erase(at("mark", n)); break;
+    case 2: tree.flagIs(name, yes), model[at("flag", name)] = logged(yes); break;
+    case 3: tree.flagDel(name), erase(at("flag", name)); break;
     case 4:
-    case 5: {
-      const Place place = placeOf(below(1000));
-      tree.placeIs(Port(n, U8{1}), place), model.places[{n, 1}] = fieldsOf(place);
-      break;
-    }
-    case 6: tree.placeDel(Port(n, U8{1})), model.places.erase({n, 1}); break;
+    case 5: tree.placeIs(port, place), model[at("place", port)] = logged(place); break;
+    case 6: tree.placeDel(port), erase(at("place", port)); break;
     case 7:
-    case 8: tree.stopIs(Stop(name, serial)), model.stops[key] = serial; break;
-    case 9: tree.stopDel(name), model.stops.erase(key); break;
-    case 10: {
-      const std::string branch = "b" + std::to_string(below(3));
-      tree.branchIs(Kop::String(branch)), model.branches[branch];
+    case 8: {
+      const Stop stop(name, serial);
+      tree.stopIs(stop), model[at("stop", name)] = logged(stop);
       break;
     }
+    case 9: tree.stopDel(name), erase(at("stop", name)); break;
+    case 10:
+      if (!branch) newBranch();
+      break;
     case 11:
-      if (below(3) == 0) tree.branchDel("b0"), model.branches.erase("b0");
+      if (below(3) == 0) tree.branchDel(branchName), erase(branchAt);
       break;
     case 12:
-      if (const auto branch = tree.branch("b1"))
-        branch->labelIs(name), model.branches["b1"].label = key;
+      if (branch) branch->labelIs(name), model[branchAt + "/label"] = logged(name);
       break;
     case 13:
-      at = "b" + std::to_string(below(3));
-      if (const auto branch = tree.branch(Kop::String(at)))
-        branch->leafIs(name), model.branches[at].leaves[key];
+      if (branch && !leaf) newLeaf(branch);
       break;
     case 14:
-      if (const auto leaf = leafOf(at))
-        leaf->sizeIs(serial), model.branches[at].leaves[key].size = serial;
+      if (leaf) leaf->sizeIs(serial), model[leafAt + "/size"] = logged(serial);
       break;
     case 15:
-      if (const auto leaf = leafOf(at)) {
-        const U16 spot = static_cast<U16>(below(4));
-        const bool value = below(2);
-        leaf->spotIs(spot, value), model.branches[at].leaves[key].spots[spot] = value;
-      }
+      if (leaf)
+        leaf->spotIs(number, yes), model[at(leafAt + "/spot", number)] = logged(yes);
       break;
-    case 16: {
-      const Shape shape = static_cast<Shape>(below(3));
-      tree.slotIs(shape)->depthIs(1), model.slots[shape] = 1;
+    case 16:
+      model[at("slot", shape)] = logged(tree.slotIs(shape)->identity());
+      model[at("slot", shape) + "/depth"] = logged(U16{1});
+      break;
+    case 17: tree.slotDel(shape), erase(at("slot", shape)); break;
+    case 18: {
+      const Level level(static_cast<U16>(3 + n));
+      tree.levelIs(level), model["level"] = logged(level);
       break;
     }
-    case 17: tree.slotDel(line), model.slots.erase(line); break;
-    case 18: tree.levelIs(Level(static_cast<U16>(3 + n))), model.level = 3 + n; break;
     case 19:
-      tree.crowdIs(static_cast<U16>(n), crowdOf(serial));
-      model.crowds[static_cast<U16>(n)] = membersOf(crowdOf(serial));
+      tree.crowdIs(number, crowdOf(serial)),
+          model[at("crowd", number)] = logged(crowdOf(serial));
       break;
     // Several changes at once:
-    case 20: tree.markDelAll(), model.marks.clear(); break;
+    case 20: tree.markDelAll(), erase("mark"); break;
     case 21:
-      if (below(4) == 0) tree.branchDelAll(), model.branches.clear();
+      if (below(4) == 0) tree.branchDelAll(), erase("branch");
       break;
     case 22:
-      tree.colourIs(static_cast<Colour>(n)), model.colour = n;
-      tree.ratioIs(static_cast<float>(n)), model.ratio = static_cast<float>(n);
-      tree.heightIs(static_cast<U16>(serial)), model.height = static_cast<U16>(serial);
+      tree.colourIs(static_cast<Colour>(n)),
+          model["colour"] = logged(static_cast<Colour>(n));
+      tree.ratioIs(static_cast<float>(n)), model["ratio"] = logged(static_cast<float>(n));
+      tree.heightIs(number), model["height"] = logged(number);
       break;
     case 23:  // the key comes back as another entity
-      if (tree.branchDel("b2")) {
-        tree.branchIs("b2")->leafIs(name);
-        model.branches["b2"] = {{}, {{key, {}}}};
-      }
+      if (!tree.branchDel(branchName)) break;
+      erase(branchAt);
+      newBranch();
+      newLeaf(tree.branch(branchName));
       break;
-    default: tree.crowdDelAll(), model.crowds.clear();
+    default: tree.crowdDelAll(), erase("crowd");
   }
 }
 

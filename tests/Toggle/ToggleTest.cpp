@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Toggle/Toggle.h"
@@ -50,45 +51,39 @@ TEST_F(ToggleFile, statesAndDefaults) {
 // Catches a damaged file that is taken in part, and an error that sends its reader to the
 // wrong place.
 TEST_F(ToggleFile, malformedFilesAreRefusedWithTheirPlace) {
-  struct Row {
-    std::string_view contents;
+  constexpr std::string_view textBehindNul("{\"A\": true}\n\0x", 14);
+  const struct {
     std::size_t line, column;
     const char* reason;
-  };
-  constexpr std::string_view textBehindNul("{\"A\": true}\n\0x", 14);
-  const Row rows[] = {
-      {"",                                            1, 1,  "not JSON"                           },
-      {"\n\n  ",                                      3, 3,  "not JSON"                           },
-      {"{",                                           1, 2,  "not JSON"                           },
-      {"{\n  \"A\": true,\n}",                        3, 1,  "not JSON"                           },
-      {"{\n  \"A\" true\n}",                          2, 7,  "not JSON"                           },
-      {"{\n\"A\": tru}",                              2, 9,  "not JSON"                           },
-      {"{\n\"A\": true\n\"B\": true}",                3, 1,  "not JSON"                           },
-      {"{'A': true}",                                 1, 2,  "not JSON"                           },
-      {"{\"A\n\": true}",                             1, 4,  "not JSON"                           },
-      {"// why\n{}",                                  1, 1,  "not JSON"                           },
-      {"{\"\xff\": true}",                            1, 3,  "not JSON"                           },
-      {"\xef\xbb\xbf{}",                              1, 1,  "not JSON"                           },
-      {"[]",                                          1, 1,  "not a JSON object"                  },
-      {"\n true",                                     2, 2,  "not a JSON object"                  },
-      {"null",                                        1, 1,  "not a JSON object"                  },
-      {"\"A\"",                                       1, 1,  "not a JSON object"                  },
-      {"{\"A\\nB\": true, \"\\u0043\": 1}",           1, 26, "the value of \"C\" is not a boolean"},
-      {"{\"A\": 1}",                                  1, 7,  "the value of \"A\" is not a boolean"},
-      {"{\"A\": true,\n \"B\":\n  \"true\"}",         3, 3,
-       "the value of \"B\" is not a boolean"                                                      },
-      {"{\"A\": null}",                               1, 7,  "the value of \"A\" is not a boolean"},
-      {"{\"A\": {\"B\": true}}",                      1, 7,  "the value of \"A\" is not a boolean"},
-      {"{\"A\": [[[[true]]]]}",                       1, 7,  "the value of \"A\" is not a boolean"},
-      {"{\"A\": 1e999999}",                           1, 7,  "the value of \"A\" is not a boolean"},
-      {"{\"A\": true,\n\n\"B\": false, \"A\": true}", 3, 13, "\"A\" stands here again"            },
-      {"{\"A\": true,\n \"\\u0041\": true}",          2, 2,  "\"A\" stands here again"            },
-      {"{}\n{}",                                      2, 1,  "text behind the object"             },
-      {"{\"A\": true}\n x",                           2, 2,  "text behind the object"             },
-      {textBehindNul,                                 2, 1,  "text behind the object"             },
+    std::string_view contents;
+  } rows[] = {
+      {1, 1,  "not JSON",                            ""                                           },
+      {3, 3,  "not JSON",                            "\n\n  "                                     },
+      {1, 2,  "not JSON",                            "{"                                          },
+      {3, 1,  "not JSON",                            "{\n  \"A\": true,\n}"                       },
+      {2, 7,  "not JSON",                            "{\n  \"A\" true\n}"                         },
+      {2, 9,  "not JSON",                            "{\n\"A\": tru}"                             },
+      {3, 1,  "not JSON",                            "{\n\"A\": true\n\"B\": true}"               },
+      {1, 4,  "not JSON",                            "{\"A\n\": true}"                            },
+      {1, 1,  "not JSON",                            "// why\n{}"                                 },
+      {1, 3,  "not JSON",                            "{\"\xff\": true}"                           },
+      {1, 1,  "not JSON",                            "\xef\xbb\xbf{}"                             },
+      {1, 1,  "not a JSON object",                   "[]"                                         },
+      {2, 2,  "not a JSON object",                   "\n true"                                    },
+      {1, 26, "the value of \"C\" is not a boolean", "{\"A\\nB\": true, \"\\u0043\": 1}"          },
+      {3, 3,  "the value of \"B\" is not a boolean",
+       "{\"A\": true,\n \"B\":\n  \"true\"}"                                                      },
+      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": null}"                              },
+      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": {\"B\": true}}"                     },
+      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": [[[[true]]]]}"                      },
+      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": 1e999999}"                          },
+      {3, 13, "\"A\" stands here again",             "{\"A\": true,\n\n\"B\": false, \"A\": true}"},
+      {2, 2,  "\"A\" stands here again",             "{\"A\": true,\n \"\\u0041\": true}"         },
+      {2, 1,  "text behind the object",              "{}\n{}"                                     },
+      {2, 1,  "text behind the object",              textBehindNul                                },
   };
   const std::string path = (directory / "T.json").string();
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.contents);
     contentsIs(row.contents);
     for (const char* name : {"A", "another"}) {
@@ -122,12 +117,8 @@ TEST_F(ToggleFile, unreadableIsNotAbsent) {
            Row{"T.json",       "cannot read: Is a directory"                   },
            Row{"loop",         "cannot read: Too many levels of symbolic links"},
            Row{"plain/T.json", "cannot read: Not a directory"                  }
-  }) {
-    try {
-      getToggleState("A", row.file, true);
-      ADD_FAILURE() << row.file;
-    } catch (const std::runtime_error& error) {
-      EXPECT_EQ(error.what(), (directory / row.file).string() + ":0:0: " + row.reason);
-    }
-  }
+  })
+    EXPECT_THAT([&] { getToggleState("A", row.file, true); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    (directory / row.file).string() + ":0:0: " + row.reason));
 }
