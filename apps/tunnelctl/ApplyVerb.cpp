@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <optional>
 #include <set>
 
 #include "Hivel/Exception.h"
@@ -120,6 +121,7 @@ class Application {
  public:
   Application(const Context& context, const Configuration& configuration, bool writes)
       : context_(context), writes_(writes), session_(context) {
+    if (writes_) wait_.emplace();
     for (const auto& info : session_.paths(""))
       present_.insert(info.path);
     outcome_.paths = configuration.paths.size();
@@ -196,6 +198,8 @@ class Application {
   const Context& context_;
   const bool writes_;
   Session session_;
+  std::optional<SignalsWait>
+      wait_;  // from the first path that is made to the last change
   std::set<std::string> present_;
   std::vector<Target> targets_;
   Outcome outcome_;

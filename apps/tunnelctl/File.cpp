@@ -1,7 +1,6 @@
 #include "apps/tunnelctl/File.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -43,24 +42,6 @@ class Descriptor {
   int fd_;
 };
 
-// Signals that end the process wait while a file is between its two states.
-class SignalsWait {
- public:
-  SignalsWait() {
-    sigset_t ends;
-    sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
-      sigaddset(&ends, signal);
-    sigprocmask(SIG_BLOCK, &ends, &before_);
-  }
-  ~SignalsWait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsWait(const SignalsWait&) = delete;
-  SignalsWait& operator=(const SignalsWait&) = delete;
-
- private:
-  sigset_t before_;
-};
-
 bool writeAll(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t count = ::write(fd, text.data(), text.size());
@@ -86,6 +67,18 @@ mode_t modeOfNewFile() {
 }
 
 }  // namespace
+
+SignalsWait::SignalsWait() {
+  sigset_t ends;
+  sigemptyset(&ends);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+    sigaddset(&ends, signal);
+  sigprocmask(SIG_BLOCK, &ends, &before_);
+}
+
+SignalsWait::~SignalsWait() {
+  sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
 
 std::string readFile(const std::string& name) {
   if (name == "-")

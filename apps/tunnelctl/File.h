@@ -3,7 +3,9 @@
 #include <string>
 #include <string_view>
 
-// Whole files, read and written.
+#include <signal.h>
+
+// Whole files, read and written; signals meanwhile.
 
 namespace Tunnelctl {
 
@@ -19,5 +21,18 @@ std::string readFile(const std::string& name);
 //
 // Errors   Failure that names the file and what the system said.
 void replaceFile(const std::string& name, std::string_view text);
+
+// While one lives, signals that people end a process with wait: for what is not to be left
+// half done. It has to be over soon, or after a time-out.
+class SignalsWait {
+ public:
+  SignalsWait();
+  ~SignalsWait();
+  SignalsWait(const SignalsWait&) = delete;
+  SignalsWait& operator=(const SignalsWait&) = delete;
+
+ private:
+  sigset_t before_;
+};
 
 }  // namespace Tunnelctl

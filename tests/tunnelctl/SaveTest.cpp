@@ -180,5 +180,23 @@ TEST_F(SaveThreads, aFileIsReplacedAsAWholeOrNotAtAll) {
   EXPECT_EQ(ctl({"diff", name}).status, 2);
 }
 
+// Catches a file that is applied by halves because its author pressed Ctrl-C.
+TEST_F(SaveThreads, aSignalEndsApplyBeforeOrAfter) {
+  std::string entries;
+  for (int i = 0; i < 2000; ++i)
+    entries += (i ? ",{" : "{") + ("\"name\": \"t" + std::to_string(i) + "\"}");
+  const std::string head = "{\"path\": \"a\", \"type\": \"Tunnel::Static::Config\", ",
+                    all = file("all.json", head + "\"entry\": [" + entries + "]}"),
+                    none = file("none.json", "{\"path\": \"a\", \"delete\": true}");
+  for (int delay = 0; delay < 60; delay += 7) {
+    auto apply = start({"apply", all});
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    apply->end(delay % 2 ? SIGINT : SIGTERM);
+    EXPECT_TRUE(ctl({"diff", all}).status == 0 || ctl({"diff", none}).status == 0)
+        << delay;
+    ASSERT_EQ(ctl({"apply", none}).status, 0);
+  }
+}
+
 }  // namespace
 }  // namespace Tunnelctl
