@@ -35,7 +35,7 @@ class Client;
 
 using std::chrono::milliseconds;
 
-struct MountOptions {
+struct MountOptions {  // what is mounted, and whether it is waited for
   // Writing: the entity; may be null with `adopt` when `type` is given or the path exists.
   // Reading: an entity to fill, or null to have it made.
   Kop::Ptr<Kop::Entity> entity;
@@ -88,7 +88,7 @@ class HIVEL_EXPORT Mount {
   U64 epoch_ = 0;
 };
 
-struct ClientOptions {
+struct ClientOptions {  // whom to connect to, how patiently
   std::string socketPath;
   std::string name = "client";  // told to the server; others are shown it
   bool reconnect = true;
@@ -98,7 +98,7 @@ struct ClientOptions {
   std::size_t maxFrameSize = 16 << 20;  // bytes of one frame from the server
 };
 
-class HIVEL_EXPORT Client {
+class HIVEL_EXPORT Client {  // a connection, and the paths mounted over it
  public:
   enum class State : U8 {
     connecting,

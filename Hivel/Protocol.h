@@ -67,7 +67,7 @@ constexpr U8 maxLogKind = 31;
 constexpr std::size_t maxHelloSize = 64 << 10;  // bytes of the first frame
 constexpr std::size_t maxNameSize = 128;        // bytes of a client's name
 
-enum class HIVEL_EXPORT FrameKind : U8 {
+enum class HIVEL_EXPORT FrameKind : U8 {  // a frame's fifth byte
   hello = 64,
   mount,
   mounted,
@@ -92,7 +92,7 @@ enum class HIVEL_EXPORT FrameKind : U8 {
 // Exported, because what is instantiated over them must be.
 namespace Frame {
 
-struct HIVEL_EXPORT ModuleDigest {
+struct HIVEL_EXPORT ModuleDigest {  // a module that a peer knows
   std::string name;
   U64 digest = 0;
   bool operator==(const ModuleDigest&) const = default;
@@ -108,7 +108,7 @@ struct HIVEL_EXPORT Hello {
   std::vector<ModuleDigest> modules;
   bool operator==(const Hello&) const = default;
 };
-struct HIVEL_EXPORT Mount {
+struct HIVEL_EXPORT Mount {  // asks for a path
   static constexpr FrameKind kind = FrameKind::mount;
   U32 mount = 0;
   Mode mode = Mode::read;
@@ -117,7 +117,7 @@ struct HIVEL_EXPORT Mount {
   U64 rootIdentity = 0;              // 0: not yet known
   bool operator==(const Mount&) const = default;
 };
-struct HIVEL_EXPORT Mounted {
+struct HIVEL_EXPORT Mounted {  // grants it, with what is there
   static constexpr FrameKind kind = FrameKind::mounted;
   U32 mount = 0;
   std::string type, rootName;
@@ -127,19 +127,19 @@ struct HIVEL_EXPORT Mounted {
   bool settled = true;
   bool operator==(const Mounted&) const = default;
 };
-struct HIVEL_EXPORT Refused {
+struct HIVEL_EXPORT Refused {  // refuses it
   static constexpr FrameKind kind = FrameKind::refused;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Refused&) const = default;
 };
-struct HIVEL_EXPORT Adopted {
+struct HIVEL_EXPORT Adopted {  // what was there has been taken over
   static constexpr FrameKind kind = FrameKind::adopted;
   U32 mount = 0;
   U64 rootIdentity = 0;
   bool operator==(const Adopted&) const = default;
 };
-struct HIVEL_EXPORT PathState {
+struct HIVEL_EXPORT PathState {  // another writer, or its catch-up
   static constexpr FrameKind kind = FrameKind::pathState;
   U32 mount = 0;
   U64 epoch = 0;
@@ -147,39 +147,39 @@ struct HIVEL_EXPORT PathState {
   bool settled = true;
   bool operator==(const PathState&) const = default;
 };
-struct HIVEL_EXPORT Unmount {
+struct HIVEL_EXPORT Unmount {  // ends a mount, and the path if told so
   static constexpr FrameKind kind = FrameKind::unmount;
   U32 mount = 0;
   bool remove = false;
   bool operator==(const Unmount&) const = default;
 };
-struct HIVEL_EXPORT Gone {
+struct HIVEL_EXPORT Gone {  // the path of a mount is no more
   static constexpr FrameKind kind = FrameKind::gone;
   U32 mount = 0;
   std::string reason;
   bool operator==(const Gone&) const = default;
 };
-struct HIVEL_EXPORT List {
+struct HIVEL_EXPORT List {  // which paths are there, or come and go
   static constexpr FrameKind kind = FrameKind::list;
   U32 request = 0;
   bool watch = false;
   std::string prefix;
   bool operator==(const List&) const = default;
 };
-struct HIVEL_EXPORT ListEntry {
+struct HIVEL_EXPORT ListEntry {  // one that is there, came or went
   static constexpr FrameKind kind = FrameKind::listEntry;
   U32 request = 0;
   bool appeared = true;
   std::string path, type;
   bool operator==(const ListEntry&) const = default;
 };
-struct HIVEL_EXPORT StatusIs {
+struct HIVEL_EXPORT StatusIs {  // the server's status
   static constexpr FrameKind kind = FrameKind::statusIs;
   U32 request = 0;
   ServerStatus status;
   bool operator==(const StatusIs&) const = default;
 };
-struct HIVEL_EXPORT Error {
+struct HIVEL_EXPORT Error {  // the last frame of whoever closes
   static constexpr FrameKind kind = FrameKind::error;
   bool lasting = true;  // trying again soon is of no use
   std::string reason;

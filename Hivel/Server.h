@@ -44,7 +44,7 @@ struct Rule {
 // Errors   Kop::RangeException.
 HIVEL_EXPORT Rule parseRule(std::string_view text);
 
-struct ServerOptions {
+struct ServerOptions {  // where to listen, whom to let do what
   std::string socketPath;
   U32 mode = 0660;           // of the socket
   U32 directoryMode = 0755;  // of the directories that are made for it
@@ -56,7 +56,7 @@ struct ServerOptions {
   std::size_t maxFrameSize = 16 << 20;  // bytes of one frame from a client
 };
 
-class HIVEL_EXPORT Server {
+class HIVEL_EXPORT Server {  // a listening socket and its connections
  public:
   // Listens. A socket that nobody listens on any more is replaced; beside it stands a lock
   // file, "<socket>.lock", which decides between servers that start at the same time.

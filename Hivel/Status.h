@@ -9,7 +9,7 @@
 
 namespace Hivel {
 
-struct ConnectionStatus {
+struct ConnectionStatus {  // one client
   U64 id = 0;          // in order of acceptance, from 1
   std::string client;  // the name it gave
   U32 pid = 0, uid = 0;
@@ -23,7 +23,7 @@ struct ConnectionStatus {
   bool operator==(const ConnectionStatus&) const = default;
 };
 
-struct PathStatus {
+struct PathStatus {  // one mounted path
   std::string path;
   std::string type;
   std::string
@@ -35,7 +35,7 @@ struct PathStatus {
   bool operator==(const PathStatus&) const = default;
 };
 
-struct ServerStatus {
+struct ServerStatus {  // the server, its clients and its paths
   std::string name;
   U32 pid = 0;
   U64 uptime = 0;      // seconds

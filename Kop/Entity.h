@@ -34,7 +34,7 @@ class FlowOut;
 template <class T>
 concept EntityType = std::same_as<typename T::KopSelf, T> && T::kopKind == Kind::entity;
 
-class KOP_EXPORT Entity : public PtrInterface {
+class KOP_EXPORT Entity : public PtrInterface {  // the base of all entities
  public:
   using KopNboAttrLogSa = EntitySa;
 

@@ -10,7 +10,7 @@
 
 namespace Kop {
 
-class KOP_EXPORT Exception : public std::exception {
+class KOP_EXPORT Exception : public std::exception {  // what everything thrown here is
  public:
   explicit Exception(String message) : message_(std::move(message)) {}
   ~Exception() override;

@@ -61,7 +61,7 @@ struct HashMap2018VTable {
   void (*keyDrop)(void* key) noexcept;
 };
 
-class KOP_EXPORT HashMap2018Generic {
+class KOP_EXPORT HashMap2018Generic {  // the map, whatever its nodes
  public:
   using Word = HashWords::Word;
   static constexpr std::size_t nowhere = ~std::size_t{0};

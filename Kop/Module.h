@@ -14,7 +14,7 @@ namespace Kop {
 
 enum class MemberKind : U8 { attribute, constant, function, collection, enumerator };
 
-struct KOP_EXPORT MemberRecord {
+struct KOP_EXPORT MemberRecord {  // one member of a type
   std::string_view name;
   U32 number;
   MemberKind kind;
@@ -24,7 +24,7 @@ struct KOP_EXPORT MemberRecord {
   const MemberOps* ops;                         // null for an enumerator
 };
 
-struct KOP_EXPORT TypeRecord {
+struct KOP_EXPORT TypeRecord {  // one type of a module
   std::string_view name;  // qualified
   Kind kind;
   U8 width;  // bytes of an enumeration, 0 otherwise

@@ -51,7 +51,7 @@ namespace Kop {
 
 namespace NboAttrLog {
 
-enum MessageKind : U8 {
+enum MessageKind : U8 {  // a message's fifth byte
   scalarSet = 1,
   collDel = 20,
   collSet = 21,
@@ -76,7 +76,7 @@ struct Counters {
   U64 walksAgain = 0;  // collections sent again because too many keys were marked
 };
 
-class KOP_EXPORT Stream {
+class KOP_EXPORT Stream {  // the bytes to one peer, of all its sessions
  public:
   static constexpr std::size_t defaultHighWater = 256 << 10;
 
@@ -368,7 +368,7 @@ struct CollectionOps {
   const void* exports;  // keeps the typed functions in the library that instantiates them
 };
 
-struct EntityAttr {
+struct EntityAttr {  // a scalar or collection, as the log sees it
   AttributeId number;
   const char* name;
   const CollectionOps* collection;  // null for a scalar

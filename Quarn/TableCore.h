@@ -32,7 +32,7 @@ struct TableOptions {
   U64 reserveRows = 0;  // so many rows come in without the index being rebuilt
 };
 
-struct TableStats {
+struct TableStats {  // how big a table is, and how full
   U64 bytesMapped = 0;  // of address space
   U64 bytesUsed = 0;    // of the object: header, change ring, index, slots
   U64 bytesFree = 0;    // of these, in areas that serve nothing at the moment
@@ -64,7 +64,7 @@ struct RowBytes {
   U32 length = 0;
 };
 
-class QUARN_EXPORT TableWriterCore {
+class QUARN_EXPORT TableWriterCore {  // the writing end, of rows that are bytes
  public:
   TableWriterCore(std::string_view name, std::string_view kind, const TableOptions&);
   TableWriterCore(TableWriterCore&&) noexcept;
@@ -94,7 +94,7 @@ class QUARN_EXPORT TableWriterCore {
 
 class TableReaderImpl;
 
-class QUARN_EXPORT TableReaderCore {
+class QUARN_EXPORT TableReaderCore {  // the reading end
  public:
   TableReaderCore(std::string_view name, std::string_view kind);
   // Over an open object or file, which it takes over.

@@ -71,7 +71,7 @@ inline constexpr U32 minLog2 = 10, maxLog2 = 32;  // words of an index
 inline constexpr U64 slotUnit = 16;
 inline constexpr U64 maxSize = (U64{1} << 40) * slotUnit;  // bytes of an object
 
-struct Header {
+struct Header {  // the first page
   char magic[8];  // stored last by whoever creates the table
   U32 byteOrder;
   U32 version;
@@ -96,7 +96,7 @@ static_assert(offsetof(Header, byteOrder) == 8 && offsetof(Header, kind) == 64);
 static_assert(offsetof(Header, size) == 256 && offsetof(Header, changes) == 320);
 static_assert(sizeof(Header) == 384);
 
-struct RingEntry {
+struct RingEntry {  // a change, and the key that it was of
   U64 number;  // 0 while it is being written
   U64 key;
 };
@@ -106,14 +106,14 @@ inline constexpr U64 areasOffset = ringOffset + ringCount * sizeof(RingEntry);
 static_assert(areasOffset == 1052672 && areasOffset % page == 0);
 
 enum class AreaKind : U8 { rows = 1, index = 2, free = 3 };
-struct AreaHeader {
+struct AreaHeader {  // the beginning of an area
   U64 size;  // bytes, this included
   U64 kind;  // AreaKind in the low 8 bits, the size of a slot above
   U64 reserved[6];
 };
 static_assert(sizeof(AreaHeader) == 64);
 
-struct SlotHeader {
+struct SlotHeader {  // the beginning of a slot; the row follows
   U64 stamp;
   U64 key;
   U64 lengthAndSum;  // length in the low 32 bits, checksum above

@@ -21,7 +21,7 @@
 
 namespace Trace {
 
-class TRACE_EXPORT Handle {
+class TRACE_EXPORT Handle {  // a name for lines, and up to which level
  public:
   static constexpr int off = -1;
 

@@ -84,7 +84,7 @@ class TUNNEL_EXPORT VxlanTunnelInfo : public Kop::Value<VxlanTunnelInfo> {
 
 // The tunnels in use, by kind. An entry counts whatever its boolean says.
 
-class TUNNEL_EXPORT L3TunnelInfoTable : public Kop::Entity {
+class TUNNEL_EXPORT L3TunnelInfoTable : public Kop::Entity {  // those of any kind
   KOP_ENTITY(L3TunnelInfoTable);
   KOP_FACTORY(L3TunnelInfoTable);
 
@@ -92,7 +92,7 @@ class TUNNEL_EXPORT L3TunnelInfoTable : public Kop::Entity {
 };
 KOP_FACTORY_FUNCTION(l3TunnelInfoTableFactory, L3TunnelInfoTable);
 
-class TUNNEL_EXPORT GreTunnelInfoTable : public Kop::Entity {
+class TUNNEL_EXPORT GreTunnelInfoTable : public Kop::Entity {  // GRE
   KOP_ENTITY(GreTunnelInfoTable);
   KOP_FACTORY(GreTunnelInfoTable);
 
@@ -100,7 +100,7 @@ class TUNNEL_EXPORT GreTunnelInfoTable : public Kop::Entity {
 };
 KOP_FACTORY_FUNCTION(greTunnelInfoTableFactory, GreTunnelInfoTable);
 
-class TUNNEL_EXPORT IpsecGreTunnelInfoTable : public Kop::Entity {
+class TUNNEL_EXPORT IpsecGreTunnelInfoTable : public Kop::Entity {  // GRE under IPsec
   KOP_ENTITY(IpsecGreTunnelInfoTable);
   KOP_FACTORY(IpsecGreTunnelInfoTable);
 
@@ -108,7 +108,7 @@ class TUNNEL_EXPORT IpsecGreTunnelInfoTable : public Kop::Entity {
 };
 KOP_FACTORY_FUNCTION(ipsecGreTunnelInfoTableFactory, IpsecGreTunnelInfoTable);
 
-class TUNNEL_EXPORT IpsecVtiTunnelInfoTable : public Kop::Entity {
+class TUNNEL_EXPORT IpsecVtiTunnelInfoTable : public Kop::Entity {  // IPsec interfaces
   KOP_ENTITY(IpsecVtiTunnelInfoTable);
   KOP_FACTORY(IpsecVtiTunnelInfoTable);
 

@@ -383,3 +383,46 @@ function(house_install_package)
   install(FILES ${config} ${version}
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME} COMPONENT dev)
 endfunction()
+
+# The target `reference` builds the reference of the public headers and of the pages of doc/ into
+# doc/html of the build tree. CTest builds it too: what Doxygen warns of is an error.
+function(house_reference)
+  find_program(HOUSE_DOXYGEN doxygen)
+  if(NOT HOUSE_DOXYGEN)
+    return()
+  endif()
+  get_property(headers GLOBAL PROPERTY HOUSE_HEADERS)
+  file(GLOB pages ${PROJECT_SOURCE_DIR}/doc/*.md)
+  set(REFERENCE_INPUT "")
+  set(paths "")
+  set(marks KOP_EXPORT)
+  foreach(header IN LISTS headers)
+    # Those of static libraries are not installed, and a mark of what is shown tells nothing.
+    if(NOT header MATCHES "^apps/|/Export.h$")
+      list(APPEND paths ${PROJECT_SOURCE_DIR}/${header})
+    endif()
+    if(header MATCHES "/Export.h$")
+      file(STRINGS ${PROJECT_SOURCE_DIR}/${header} mark REGEX "#define [A-Z_]+_EXPORT")
+      string(REGEX REPLACE "#define ([A-Z_]+).*" "\\1" mark "${mark}")
+      list(APPEND marks ${mark})
+    endif()
+  endforeach()
+  foreach(path IN LISTS pages paths)
+    string(APPEND REFERENCE_INPUT " \"${path}\"")
+  endforeach()
+  list(TRANSFORM marks APPEND "=")
+  list(JOIN marks " " REFERENCE_PREDEFINED)
+  set(REFERENCE_OUTPUT ${PROJECT_BINARY_DIR}/doc)
+  configure_file(${PROJECT_SOURCE_DIR}/doc/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+  set(build ${HOUSE_DOXYGEN} ${PROJECT_BINARY_DIR}/Doxyfile)
+  add_custom_target(reference
+                    COMMAND ${CMAKE_COMMAND} -E make_directory ${REFERENCE_OUTPUT}
+                    COMMAND ${build} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM)
+  if(HOUSE_TESTS AND NOT HOUSE_SANITIZED)
+    add_test(NAME reference COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR}
+                                    --target reference)
+    set_tests_properties(reference PROPERTIES TIMEOUT 300)
+    add_test(NAME reference.comments
+             COMMAND ${PROJECT_SOURCE_DIR}/doc/reference-filter --check ${paths})
+  endif()
+endfunction()
