@@ -51,6 +51,7 @@ endif()
 
 # What a user runs: commands and the type libraries that they load by name.
 add_custom_target(commands)
+add_custom_target(libraries)
 add_custom_target(benchmarks)
 # The test programs that have suites for the thread sanitizer.
 add_custom_target(thread_tests)
@@ -207,6 +208,7 @@ function(house_library name)
     house_pkg_config(${name} ${arg_OUTPUT_NAME} "${arg_SOURCES}" "${arg_DEPENDS}")
     set_property(GLOBAL APPEND PROPERTY HOUSE_LIBRARIES ${name})
     add_dependencies(commands ${name})
+    add_dependencies(libraries ${name})
   endif()
   foreach(header IN LISTS arg_HEADERS)
     house_header_alone(${header})
@@ -414,15 +416,30 @@ function(house_reference)
   list(JOIN marks " " REFERENCE_PREDEFINED)
   set(REFERENCE_OUTPUT ${PROJECT_BINARY_DIR}/doc)
   configure_file(${PROJECT_SOURCE_DIR}/doc/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+  file(MAKE_DIRECTORY ${REFERENCE_OUTPUT})
   set(build ${HOUSE_DOXYGEN} ${PROJECT_BINARY_DIR}/Doxyfile)
-  add_custom_target(reference
-                    COMMAND ${CMAKE_COMMAND} -E make_directory ${REFERENCE_OUTPUT}
-                    COMMAND ${build} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM)
+  add_custom_target(reference COMMAND ${build} VERBATIM)
   if(HOUSE_TESTS AND NOT HOUSE_SANITIZED)
-    add_test(NAME reference COMMAND ${CMAKE_COMMAND} --build ${PROJECT_BINARY_DIR}
-                                    --target reference)
+    add_test(NAME reference COMMAND ${build})
     set_tests_properties(reference PROPERTIES TIMEOUT 300)
     add_test(NAME reference.comments
              COMMAND ${PROJECT_SOURCE_DIR}/doc/reference-filter --check ${paths})
   endif()
+endfunction()
+
+# Targets `abi_dump`, which describes what the libraries show in abi/*.abi of the build tree, and
+# `abi_report`, which compares that with HOUSE_ABI_BASELINE: a directory of such files, by default
+# those that were installed last (cmake --install BUILD --component abi).
+function(house_abi)
+  set(installed ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/abi)
+  set(HOUSE_ABI_BASELINE ${CMAKE_INSTALL_PREFIX}/${installed} CACHE PATH
+      "Descriptions of libraries that abi_report compares with")
+  set(script ${PROJECT_SOURCE_DIR}/scripts/abi)
+  set(output ${PROJECT_BINARY_DIR}/abi)
+  add_custom_target(abi_dump COMMAND ${script} dump ${output} USES_TERMINAL VERBATIM)
+  add_custom_target(abi_report COMMAND ${script} report ${HOUSE_ABI_BASELINE} ${output}
+                    USES_TERMINAL VERBATIM)
+  add_dependencies(abi_report abi_dump)
+  install(DIRECTORY ${output}/ DESTINATION ${installed} COMPONENT abi EXCLUDE_FROM_ALL
+          FILES_MATCHING PATTERN "*.abi" PATTERN "build" EXCLUDE)
 endfunction()
