@@ -353,3 +353,9 @@ template <>
 inline constexpr bool Kop::equalIsBitwise<Tunnel::TunnelTable::TunnelId> = true;
 template <>
 inline constexpr bool Kop::equalIsBitwise<Tunnel::TunnelTable::EncapId> = true;
+
+// Only the source that has their hand-written rules may make their operations: another one, such
+// as that of the module, would make plain ones and inline them.
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::TunnelId>;
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::TunnelBandwidth>;
+extern template struct Kop::ValueOps<Tunnel::TunnelEntrySequenceNumber>;

@@ -52,3 +52,7 @@ inline IntfId DynamicTunnelIntfId::tunnelIdToIntfId(U64 tunnelId) {
 
 template <>
 inline constexpr bool Kop::equalIsBitwise<Vantor::DynamicTunnelIntfId> = true;
+
+// Only the source that has their hand-written rules may make their operations: another one, such
+// as that of the module, would make plain ones and inline them.
+extern template struct Kop::ValueOps<Vantor::DynamicTunnelIntfId>;

@@ -234,3 +234,11 @@ template <>
 inline constexpr bool Kop::equalIsBitwise<Tunnel::TunnelTable::Id64> = true;
 template <>
 inline constexpr bool Kop::equalIsBitwise<Tunnel::TunnelTable::TunnelCounterId> = true;
+
+// Only the source that has their hand-written rules may make their operations: another one, such
+// as that of the module, would make plain ones and inline them.
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::TepIndex>;
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::NameIndex>;
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::ViaIndex>;
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::NextHopIndex>;
+extern template struct Kop::ValueOps<Tunnel::TunnelTable::TunnelTableEntry>;
