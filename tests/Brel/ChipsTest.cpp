@@ -1,22 +1,9 @@
+#include <gtest/gtest.h>
+
 #include "Brel/ChipSet.h"
-#include "tests/Vantor/ValueLaws.h"
 
 using Brel::ChipId;
 using Brel::ChipSet;
-
-template <>
-ChipId arbitrary(Random& random) {
-  return ChipId(static_cast<U8>(random()));
-}
-template <>
-ChipSet arbitrary(Random& random) {
-  ChipSet chips;
-  for (U32 i = below(random, 8); i > 0; --i)
-    chips.chipIs(arbitrary<ChipId>(random));
-  return chips;
-}
-using Chips = testing::Types<ChipId, ChipSet>;
-INSTANTIATE_TYPED_TEST_SUITE_P(Brel, ValueLaws, Chips);
 
 // Catches a chip mixed at another width, which moves every record that holds one in its map,
 // and a chip number that is cut instead of refused.

@@ -6,14 +6,14 @@
 #include <gtest/gtest.h>
 
 #include "Trace/Trace.h"
-#include "tests/Kop/LogLink.h"
+#include "Tunnel/TunnelRibId.h"
+#include "Tunnel/TunnelTableHivelTypes.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
 
 using Samples::Random;
-using Samples::sample;
 using Events = std::vector<std::string>;
 
 // Writes down the numbers of the attributes that it hears of.
@@ -222,40 +222,6 @@ TEST(TunnelNames, followAPlainModel) {
   EXPECT_EQ(names->tunnelNameToIdCount(), 1u);
 }
 
-// Catches a hash that folds fields in another order or width: it decides the order of walks.
-TEST(TunnelTableHashes, byHand) {
-  const auto fold = [](U32 h, const std::vector<U32>& words) {
-    const auto byte = [&](U32 b) {
-      h += b & 0xff;
-      h += h << 10;
-      h ^= h >> 6;
-    };
-    const auto word = [&](U32 w) {
-      for (int i = 0; i < 4; ++i)
-        byte(w >> (8 * i));
-    };
-    for (const U32 w : words)
-      word(w);
-    word(static_cast<U32>(4 * words.size()));
-    h += h << 3;
-    h ^= h >> 11;
-    return h + (h << 15);
-  };
-  const TunnelIdNamePair pair(id(7), "a");
-  EXPECT_EQ(pair.hash(9), fold(9, {id(7).hash(), Kop::hashString("a")}));
-  EXPECT_EQ(Kop::KeyOps<TunnelIdNamePair>::hash(pair),
-            pair.hash(Kop::hashSeed32() ^ 0xf5ac7603));
-  Random random(Samples::seed + 2);
-  for (int i = 0; i < 50; ++i) {
-    const auto info = sample<NexthopTunnelL3Info>(random);
-    EXPECT_EQ(info.hash(3),
-              fold(3, {info.groupType(), info.ttl(), info.sourceIp().hash(),
-                       info.destinationIp().hash(), info.mplsLabelStack().hash(),
-                       info.greKeyType(), info.l3Intf().hash(), info.l2Intf().hash(),
-                       info.macAddr().hash(), hashOf(info.tunnelCounterId())}));
-  }
-}
-
 // Catches a type on the wrong side, and a number beyond the types that is taken for one.
 TEST(TunnelTables, contributionToTheTunnelRib) {
   const auto table = tunnelTableBaseFactory("t");
@@ -269,40 +235,6 @@ TEST(TunnelTables, contributionToTheTunnelRib) {
   }
 }
 
-// Catches a row that is kept under another name than its own, and a notification of nothing.
-TEST(TunnelTables, directoryAndConvergence) {
-  const auto tables = tunnelTableInfoCollectionFactory("agent");
-  tables->tableInfoIs(TunnelTableInfo("ldp", "ldpTunnel"));
-  EXPECT_EQ(tables->tableInfo("ldp").mountPath(), "tunnel/table/ldp");
-  Watch watch(*tables);
-  tables->tableInfoIs(TunnelTableInfo("ldp", "ldpTunnel"));
-  EXPECT_EQ(watch.taken(), Events{});
-  auto moved = TunnelTableInfo("ldp", "ldpTunnel", "elsewhere");
-  tables->tableInfoIs(moved);
-  EXPECT_EQ(watch.taken(), Events{"258[]"});
-  EXPECT_EQ(tables->tableInfoCount(), 1u);
-  EXPECT_EQ(tables->tableInfo("ldp"), moved);
-  moved.tableNameIs("bgp");
-  EXPECT_EQ(moved.mountPath(), "elsewhere");
-  EXPECT_EQ(tables->tableInfoDel("ldp").mountPath(), "elsewhere");
-  EXPECT_EQ(tables->tableInfoCount(), 0u);
-
-  const auto converged = bgpLuConvergenceFactory("agent");
-  Watch bgp(*converged);
-  converged->bgpLuConvergedIs(false);
-  converged->bgpLuConvergenceSeqnoIs(0);
-  EXPECT_EQ(bgp.taken(), Events{});
-  converged->bgpLuConvergenceSeqnoIs(1);
-  EXPECT_EQ(bgp.taken(), Events{"259"});
-  const auto hops = nexthopTunnelTableFactory("hops");
-  Watch nexthop(*hops);
-  hops->nextAvailableIndexIs(0);
-  EXPECT_EQ(nexthop.taken(), Events{});
-  hops->nextAvailableIndexIs(1);
-  hops->tableTypeIs(nexthopTunnel);
-  EXPECT_EQ(nexthop.taken(), (Events{"387", "258"}));
-}
-
 // Catches a look-up that answers for the invalid chip or for another chip's key.
 TEST(NexthopHwTunnels, byThePlatformsKey) {
   const auto table = nexthopHwTunnelTableFactory("hw");
@@ -314,74 +246,6 @@ TEST(NexthopHwTunnels, byThePlatformsKey) {
   EXPECT_EQ(table->tunnelIdFromPlatformKey(77, Brel::ChipId(6)), TunnelId());
   EXPECT_EQ(table->tunnelIdFromPlatformKey(78, Brel::ChipId(5)), TunnelId());
   EXPECT_EQ(table->entryCount(), 0u);
-}
-
-template <class Map>
-std::string textOf(const Map& map) {
-  std::string text;
-  for (const auto& node : map)
-    text += std::string(Kop::strepOf(node.key())) + ": " +
-            std::string(Kop::strepOf(node.value)) + '\n';
-  return text;
-}
-
-// Catches an attribute of a base or of a derived entity that is not sent, or sent as the
-// other's: their numbers begin anew at each level.
-TEST(TunnelTablesReplicated, baseAndDerivedAttributes) {
-  Random random(Samples::seed + 5);
-  const auto hops = nexthopTunnelTableFactory("a"),
-             hopsCopy = nexthopTunnelTableFactory("b");
-  const auto hw = nexthopHwTunnelTableFactory("a"),
-             hwCopy = nexthopHwTunnelTableFactory("b");
-  hops->entryIs(id(500), sample<NexthopTunnelL3Info>(random));
-  Sample::Link hopsLink(hops, hopsCopy), hwLink(hw, hwCopy);
-  hopsLink.writer.resync();
-  hwLink.writer.resync();
-  for (int i = 0; i < 300; ++i) {
-    const auto key = id(random() % 20);
-    switch (random() % 8) {
-      case 0: hops->entryIs(key, sample<NexthopTunnelL3Info>(random)); break;
-      case 1: hops->entryDel(key); break;
-      case 2: hops->nextAvailableIndexIs(sample<U32>(random)); break;
-      case 3: hops->tableTypeIs(static_cast<TunnelType>(random() % 23)); break;
-      case 4: hw->entryIs(key, sample<NexthopTunnelL2Info>(random)); break;
-      case 5: hw->hwKeyToTunnelIdIs(sample<HwTunnelKey>(random), key); break;
-      case 6: hw->entryDel(key); break;
-      case 7:
-        hw->tunnelTableIdIs(static_cast<TunnelTableIdentifier>(random() % 21));
-        break;
-    }
-    if (random() % 4 != 0) continue;
-    hopsLink.drain();
-    hwLink.drain();
-    ASSERT_EQ(textOf(hops->entry()), textOf(hopsCopy->entry()));
-    ASSERT_EQ(hops->nextAvailableIndex(), hopsCopy->nextAvailableIndex());
-    ASSERT_EQ(hops->tableType(), hopsCopy->tableType());
-    ASSERT_EQ(textOf(hw->entry()), textOf(hwCopy->entry()));
-    ASSERT_EQ(textOf(hw->hwKeyToTunnelId()), textOf(hwCopy->hwKeyToTunnelId()));
-    ASSERT_EQ(hw->tunnelTableId(), hwCopy->tunnelTableId());
-  }
-}
-
-// Catches children that are known by a name though their key is a type.
-TEST(TunnelTablesReplicated, namesByType) {
-  const auto all = protocolTunnelNameStatusFactory("a"),
-             copy = protocolTunnelNameStatusFactory("b");
-  Sample::Link link(all, copy);
-  link.writer.resync();
-  all->localTunnelNameStatusIs(ldpTunnel)->addTunnelIdNamePair(id(1), "one");
-  all->localTunnelNameStatusIs(static_cast<TunnelType>(40));
-  link.drain();
-  EXPECT_EQ(copy->localTunnelNameStatusCount(), 2u);
-  EXPECT_EQ(copy->localTunnelNameStatus(static_cast<TunnelType>(40))->name(), "40");
-  const auto names = copy->localTunnelNameStatus(ldpTunnel);
-  ASSERT_TRUE(names);
-  EXPECT_EQ(names->tunnelIdToName(id(1)), "one");
-  EXPECT_EQ(names->tunnelNameToId("one"), id(1));
-  EXPECT_TRUE(names->tunnelIdNamePairHas(TunnelIdNamePair(id(1), "one")));
-  all->localTunnelNameStatusDel(ldpTunnel);
-  link.drain();
-  EXPECT_FALSE(copy->localTunnelNameStatusHas(ldpTunnel));
 }
 
 }  // namespace

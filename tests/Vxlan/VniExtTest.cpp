@@ -1,13 +1,8 @@
+#include <gtest/gtest.h>
+
 #include "Vxlan/VniExt.h"
-#include "tests/Vantor/ValueLaws.h"
 
 using Vxlan::VniExt;
-
-template <>
-VniExt arbitrary(Random& random) {
-  return VniExt(static_cast<U32>(random()) >> below(random, 32));
-}
-INSTANTIATE_TYPED_TEST_SUITE_P(Vxlan, ValueLaws, VniExt);
 
 // Catches an identifier that is cut to 24 bits, or mixed at another width.
 TEST(VniExtRecord, isFourBytes) {

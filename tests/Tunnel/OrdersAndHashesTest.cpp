@@ -1,0 +1,271 @@
+#include <cmath>
+#include <limits>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+#include "Kop/Hash.h"
+#include "Tunnel/DecapGroupHivelTypes.h"
+#include "Tunnel/IpTunnels.h"
+#include "Tunnel/MldpTunnelHivelTypes.h"
+#include "Tunnel/TunnelIntfId.h"
+#include "Tunnel/TunnelTableHivelTypes.h"
+#include "tests/Tunnel/Samples.h"
+
+// The orders, equalities and hashes that are written by hand, beside the plain rule of each.
+// Orders decide how tables are walked and which tunnel is taken; hashes decide the order of
+// every collection, on both sides of the log.
+
+namespace Tunnel {
+namespace {
+
+using namespace TunnelTable;
+using Samples::Fold;
+using Samples::Random;
+using std::tuple;
+
+// Catches two fields that changed places, one that is left out, and one that is turned round.
+template <class T, class Key>
+void expectOrder(Key key) {
+  SCOPED_TRACE(Kop::typeName<T>());
+  Random random(Samples::seed);
+  const auto values = Samples::alike<T>(random, 200);
+  for (const T& a : values)
+    for (const T& b : values)
+      ASSERT_EQ(a < b, key(a) < key(b)) << a << '\n' << b;
+}
+
+TEST(Orders, vias) {
+  const auto hop = [](const Via& v) { return tuple(v.intfId(), v.nexthop()); };
+  expectOrder<Via>(hop);
+  expectOrder<TunnelVia>([&](const auto& v) { return tuple(hop(v), v.encapId()); });
+  expectOrder<MplsVia>([&](const auto& v) { return tuple(hop(v), v.labels()); });
+  expectOrder<MplsCosVia>(
+      [&](const auto& v) { return tuple(hop(v), v.labels(), v.ipDscp()); });
+  expectOrder<BgpLuVia>([&](const auto& v) {
+    std::vector<decltype(hop(Via()))> hops;
+    for (const auto& node : v.via())
+      hops.push_back(hop(node.key()));
+    return tuple(v.labels(), hops.size(), hops);
+  });
+}
+
+TEST(Orders, ipTunnels) {
+  const auto gre = [](const GreTunnelInfo& i) {
+    return tuple(i.dst(), i.src(), i.oKey(), i.iKey(), i.tos(), i.ttl(),
+                 i.pathMtuDiscovery(), i.oFlags(), i.iFlags(), i.protocol());
+  };
+  expectOrder<GreTunnelInfo>(gre);
+  expectOrder<IpsecGreTunnelInfo>(gre);
+  expectOrder<IpsecVtiTunnelInfo>([](const auto& i) {
+    return tuple(i.src(), i.dst(), i.tos(), i.ttl(), i.pathMtuDiscovery());
+  });
+  // Neither is less, and a table keeps both.
+  const auto table = IpsecGreTunnelInfoTable::IpsecGreTunnelInfoTableIs("t");
+  for (const U32 index : {1, 2}) {
+    IpsecGreTunnelInfo info;
+    info.ipsecTableIndexIs(index);
+    table->entryIs(info, true);
+  }
+  EXPECT_EQ(table->entryCount(), 2u);
+}
+
+TEST(Orders, excludedInterfaces) {
+  expectOrder<Decap::DecapExcludeIntfSet>([](const auto& s) {
+    std::vector<Vantor::IntfId> intfs;
+    for (const auto& node : s.excludeIntf())
+      intfs.push_back(node.key());
+    return tuple(intfs.size(), intfs, s.decapIntfKey());
+  });
+}
+
+// The defaults, apart from the code that looks them up.
+U32 defaultPrefOf(U32 type) {
+  switch (type) {
+    case 5: return 15;
+    case 11: return 25;
+    case 16: return 45;
+    case 3: return 55;
+    case 13: return 60;
+    case 7:
+    case 21: return 65;
+    case 2: return 85;
+    default: return type <= 22 || type == 31 ? 255 : 0;
+  }
+}
+
+TEST(Orders, tableEntries) {
+  expectOrder<TunnelTableEntry>([](const auto& e) {
+    return tuple(e.entryPref().value(), defaultPrefOf(e.tunnelId().tunnelType()),
+                 e.entryMetric(), e.tunnelId().value(), e.tunnelBw().value(),
+                 std::vector(e.endpoint().begin(), e.endpoint().end()),
+                 e.nexthopTunnelId().value(),
+                 std::vector<U8>(e.name().begin(), e.name().end()));
+  });
+  // Names as unsigned bytes, an early end first.
+  constexpr const char* names[] = {"", "a", "aaaa", "b", "b\x01", "b\x7f", "b\xff"};
+  for (std::size_t i = 0; i + 1 < std::size(names); ++i) {
+    TunnelTableEntry a, b;
+    a.setName(names[i]);
+    b.setName(names[i + 1]);
+    EXPECT_TRUE(a < b && !(b < a)) << names[i];
+  }
+  TunnelTableEntry nan, one;
+  nan.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
+  EXPECT_FALSE(nan < one || one < nan || nan == nan);
+  one.nexthopTunnelIdIs(TunnelId(1));
+  EXPECT_TRUE(nan < one && !(one < nan));  // the next criterion decides
+}
+
+// Catches a default that moved, and an order that looks at it only when it must.
+TEST(OrdersDeathTest, unknownTypes) {
+  for (U32 type = 0; type < 32; ++type) {
+    if (const U32 pref = defaultPrefOf(type)) {
+      EXPECT_EQ(TunnelEntryPref::getDefaultPrefForType(static_cast<TunnelType>(type)),
+                pref);
+    }
+  }
+  constexpr const char* unknown =
+      "Tunnel/TunnelTableHivelTypes: .*Assertion \"false && \"Unknown tunnel type\"\"";
+  for (const U32 type : {23u, 30u, 32u, 35u, 0xffffffffu})
+    EXPECT_DEATH(TunnelEntryPref::getDefaultPrefForType(static_cast<TunnelType>(type)),
+                 unknown);
+  U8 record[33] = {};
+  record[7] = 0x80;
+  TunnelTableEntry good, bad;
+  bad.deserialize(record, sizeof record);
+  good.entryPrefIs(TunnelEntryPref(1));
+  EXPECT_DEATH(static_cast<void>(good < bad), unknown);
+  EXPECT_DEATH(static_cast<void>(bad < good), unknown);
+}
+
+// Catches an equality that looks at flags, or at nothing behind them.
+TEST(Equality, ofBgpLuViasLeavesFlagsOut) {
+  Random random(Samples::seed);
+  for (auto via : Samples::alike<BgpLuVia>(random, 50)) {
+    auto other = via;
+    for (const auto& node : via.via())
+      other.viaIs(node.key(), !node.value);
+    EXPECT_TRUE(other == via && !(other < via) && hashOf(other) == hashOf(via));
+    other.viaIs(Via(Vantor::IpGenAddr("1.2.3.4"), Vantor::IntfId("A")), true);
+    EXPECT_FALSE(other == via);
+  }
+}
+
+// Catches a not-a-number that is taken for equal, hides from the text, or has an order.
+TEST(Equality, ofNotANumber) {
+  const TunnelBandwidth nan(std::numeric_limits<float>::quiet_NaN()), zero(0.0f);
+  EXPECT_FALSE(nan == nan || nan < zero || zero < nan);
+  EXPECT_EQ(valueToStrep(nan), "nan");
+  EXPECT_TRUE(std::isnan(strepToValue<TunnelBandwidth>("nan").value()));
+  EXPECT_EQ(hashOf(TunnelBandwidth(-0.0f)), hashOf(zero));
+}
+
+// Catches a field folded in at another width or place, or a base whose fields are folded in
+// anew.
+template <class T, class Rule>
+void expectHash(Rule rule) {
+  SCOPED_TRACE(Kop::typeName<T>());
+  Random random(Samples::seed);
+  for (const T& value : Samples::alike<T>(random, 100))
+    EXPECT_EQ(value.hash(), rule(value)) << value;
+}
+
+TEST(Hashes, vias) {
+  const auto hop = [](const Via& v) {
+    return Fold().word(v.nexthop().hash()).word(v.intfId().hash());
+  };
+  expectHash<Via>([&](const auto& v) { return hop(v).end(); });
+  expectHash<TunnelVia>([&](const auto& v) { return hop(v).end(); });
+  expectHash<MplsVia>(
+      [&](const auto& v) { return hop(v).word(v.labels().hash()).end(); });
+  expectHash<MplsCosVia>([&](const auto& v) {
+    return hop(v)
+        .word(v.labels().hash())
+        .word(v.ipDscp().value())
+        .byte(v.mplsExp())
+        .end();
+  });
+  expectHash<BgpLuVia>([&](const auto& v) {
+    Fold all = Fold().word(v.labels().hash());
+    for (const auto& node : v.via())
+      all.word(node.key().hash());
+    return all.end();
+  });
+  expectHash<TunnelId>([](const auto& id) {
+    const U64 w = id.value();
+    return Fold().word(static_cast<U32>(w)).word(static_cast<U32>(w >> 32)).end();
+  });
+  expectHash<Decap::DecapIntfKey>([](const auto& key) {
+    return Fold().word(key.intfId().hash()).word(key.addressFamily()).end();
+  });
+}
+
+TEST(Hashes, ipTunnels) {
+  const auto l3 = [](const L3TunnelInfo& i) {
+    const Fold ends = Fold().word(i.src().hash()).word(i.dst().hash());
+    return Fold(ends).byte(i.tos()).byte(i.ttl()).byte(i.pathMtuDiscovery()).end();
+  };
+  const auto gre = [&](const GreTunnelInfo& i) {
+    const Fold flags = Fold().word(l3(i)).number(i.protocol(), 2).word(i.oFlags());
+    return Fold(flags).word(i.iFlags()).word(i.oKey()).word(i.iKey()).end();
+  };
+  expectHash<L3TunnelInfo>(l3);
+  expectHash<GreTunnelInfo>(gre);
+  expectHash<IpsecGreTunnelInfo>(
+      [&](const auto& i) { return Fold().word(gre(i)).word(i.ipsecTableIndex()).end(); });
+  expectHash<IpsecVtiTunnelInfo>(
+      [&](const auto& i) { return Fold().word(l3(i)).word(i.ipsecTableIndex()).end(); });
+}
+
+// One-at-a-time from the seed on, with the number of bytes at the end.
+TEST(Hashes, seeded) {
+  using Routing::Multicast::MulticastTreeId;
+  Random random(Samples::seed);
+  for (int i = 0; i < 50; ++i) {
+    const auto info = Samples::sample<NexthopTunnelL3Info>(random);
+    Fold l3 = Fold::from(3);
+    l3.word(info.groupType()).word(info.ttl()).word(info.sourceIp().hash());
+    l3.word(info.destinationIp().hash()).word(info.mplsLabelStack().hash());
+    l3.word(info.greKeyType()).word(info.l3Intf().hash()).word(info.l2Intf().hash());
+    l3.word(info.macAddr().hash()).word(hashOf(info.tunnelCounterId()));
+    EXPECT_EQ(info.hash(3), l3.seededEnd());
+    const auto end = Samples::sample<ColoredTunnelEndpoint>(random);
+    EXPECT_EQ(end.hash(77), Fold::from(77)
+                                .word(end.tep().hash())
+                                .word(end.color())
+                                .byte(end.isColored())
+                                .seededEnd());
+    const auto vxlan = Samples::sample<VxlanTunnelInfo>(random);
+    EXPECT_EQ(vxlan.hash(5), Fold::from(5)
+                                 .word(vxlan.destIp().hash())
+                                 .word(vxlan.srcVti().hash())
+                                 .seededEnd());
+    const auto pair = Samples::sample<TunnelIdNamePair>(random);
+    const U32 name = Kop::hashString(pair.tunnelName());
+    EXPECT_EQ(pair.hash(9),
+              Fold::from(9).word(pair.tunnelId().hash()).word(name).seededEnd());
+    EXPECT_EQ(Kop::KeyOps<TunnelIdNamePair>::hash(pair),
+              pair.hash(Kop::hashSeed32() ^ 0xf5ac7603));
+    const auto tree = Samples::sample<MulticastTreeId>(random);
+    EXPECT_EQ(Kop::KeyOps<MulticastTreeId>::hash(tree),
+              Kop::hashSingleAttr(tree, Kop::hashSeed32() ^ 3457776541));
+  }
+}
+
+// Numbers that were computed apart from this code.
+TEST(Hashes, knownAnswers) {
+  const TunnelId tunnel(0x1600000000005);
+  const Routing::Multicast::MulticastTreeId tree("0a0001");
+  const Vantor::IntfId vlan("Vlan1");
+  EXPECT_EQ(HwTunnelKey(5, Brel::ChipId(1)).hash(0), 0x45eb402eu);
+  EXPECT_EQ(HwTunnelKey(5, Brel::ChipId(1)).hash(1), 0x22e480fbu);
+  EXPECT_EQ(hashOf(EncapId(7)), 0x114e7988u);
+  EXPECT_EQ(hashOf(TunnelBandwidth()), 0x957d4aecu);
+  EXPECT_EQ(hashOf(Vantor::DynamicTunnelIntfId(vlan)), vlan.hash());
+  EXPECT_EQ(MulticastTunnelTableEntry(tunnel, tree).hash(0), 0x2e11af6cu);
+  EXPECT_EQ(MldpTunnelRibEntry(tunnel, tree).hash(1), 0x4bc997e3u);
+}
+
+}  // namespace
+}  // namespace Tunnel
