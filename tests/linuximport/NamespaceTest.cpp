@@ -38,12 +38,15 @@ class ImportLinux : public ProcessesThreads {
       GTEST_SKIP() << "this kernel makes no VXLAN interface: " << said;
     ip("link del probe");
   }
-  void startWholeDaemon() {
+  void restartDaemon() {
+    daemon_.reset();
+    startDaemon();
+  }
+  void startDaemonWithoutVxlan() {
     daemon_.reset();
     daemon_ = std::make_unique<Process>(
         std::vector<std::string>{HOUSE_BIN_DIR "/hiveld", "--socket", socket_, "--types",
-                                 HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0", "--types",
-                                 HOUSE_LIB_DIR "/libLinuxTunnel.so.0"},
+                                 HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0"},
         directory_ + "/hiveld");
     ASSERT_TRUE(eventually([&] { return ctl({"status"}).status == 0; }))
         << daemon_->err();
@@ -92,13 +95,14 @@ TEST_F(ImportLinux, makesTablesEqualOnce) {
   ASSERT_EQ(batch("link add x1 type vxlan id 5 remote 10.0.0.2 dstport 4789\n"
                   "link add x2 type vxlan id 6 dstport 4789\n"),
             "");
+  startDaemonWithoutVxlan();
   Result result = ctl({"import-linux"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("not imported: the server has no type"), std::string::npos);
-  EXPECT_NE(result.out.find("2 tunnels, 0 imported: nothing changed"), std::string::npos)
+  EXPECT_NE(result.out.find(" 0 imported: nothing changed"), std::string::npos)
       << result.out;
 
-  startWholeDaemon();
+  restartDaemon();
   result = ctl({"-j", "import-linux"});
   EXPECT_NE(result.out.find("\"imported\":1,\"entriesAdded\":1,\"entriesRemoved\":0"),
             std::string::npos)
@@ -133,7 +137,6 @@ TEST_F(ImportLinux, makesTablesEqualOnce) {
 // kernel's interfaces while the watch runs, is stopped so that its socket overruns, and loses
 // its database.
 TEST_F(ImportLinux, followsTheKernel) {
-  startWholeDaemon();
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
@@ -158,7 +161,10 @@ TEST_F(ImportLinux, followsTheKernel) {
           model.erase(at);
           break;
         case 3: {
-          commands += "link set " + at->first + " name " + name + "\n";
+          // Older kernels rename only what is down.
+          const std::string set = "link set " + at->first;
+          commands +=
+              set + " down\n" + set + " name " + name + "\nlink set " + name + " up\n";
           auto node = model.extract(at);
           node.key() = name;
           model.insert(std::move(node));
@@ -195,7 +201,7 @@ TEST_F(ImportLinux, followsTheKernel) {
 
   daemon_->end(SIGKILL);
   change(20);
-  startWholeDaemon();
+  restartDaemon();
   EXPECT_TRUE(agrees()) << watch->said();
   EXPECT_NE(watch->out().find("connected again"), std::string::npos);
   change(20);
