@@ -60,24 +60,10 @@ TEST(Reflection, readsResults) {
         Kop::AttributeOp::get, const_cast<TunnelId*>(&id), nullptr, number, &hash));
 }
 
-// Catches a text that reflection cannot see because nothing makes a String of it at load, and
-// arrays whose elements are seen as another type's or not at all.
-TEST(Reflection, textConstantsAndArrays) {
-  const auto& name =
-      memberOf("Tunnel::TunnelTable::TunnelRibId", "systemColoredTunnelRibName");
-  EXPECT_EQ(name.type, "Kop::String");
-  const TunnelRibId id(7);
-  EXPECT_EQ(
-      read(*Kop::findType("Tunnel::TunnelTable::TunnelRibId")->value, &id, name.number)
-          .text(),
-      "'system-colored-tunnel-rib'");
-
+// Catches arrays whose elements are seen as another type's or not at all.
+TEST(Reflection, arrays) {
   constexpr const char* entryType = "Tunnel::TunnelTable::TunnelTableEntry";
   const auto& endpoint = memberOf(entryType, "endpoint");
-  EXPECT_EQ(endpoint.kind, Kop::MemberKind::collection);
-  EXPECT_EQ(endpoint.type, "Vantor::IpGenPrefix");
-  ASSERT_EQ(endpoint.arguments.size(), 1u);
-  EXPECT_EQ(endpoint.arguments[0], "Tunnel::TunnelTable::TepIndex");
   TunnelTableEntry entry;
   const auto* const elements = endpoint.ops->type->elements;
   ASSERT_NE(elements, nullptr);
@@ -95,9 +81,7 @@ TEST(Reflection, textConstantsAndArrays) {
             static_cast<const Vantor::IpGenPrefix*>(value)->stringValue().c_str() + ';';
       });
   EXPECT_EQ(seen, "0 ;1 10.0.0.0/8;");
-  const auto& bytes = memberOf(entryType, "name");  // bytes are a text
-  EXPECT_EQ(bytes.type, "U8");
-  EXPECT_EQ(bytes.ops->type->elements, nullptr);
+  EXPECT_EQ(memberOf(entryType, "name").ops->type->elements, nullptr);  // a text
 }
 
 // Catches arguments that are taken in another order, type or place.
@@ -128,14 +112,6 @@ TEST(Reflection, callsWithArguments) {
   const void* fields[] = {&kind, &seven};
   set.ops->call(&encap, fields, nullptr);
   EXPECT_EQ(encap.encapIdValue(), 0x40000007u);
-
-  const auto& hash = memberOf("Tunnel::TunnelTable::HwTunnelKey", "hash");
-  HwTunnelKey key(5, Brel::ChipId(1));
-  const U32 one = 1;
-  const void* seed[] = {&one};
-  U32 result = 0;
-  hash.ops->call(&key, seed, &result);
-  EXPECT_EQ(result, 0x22e480fbu);
 }
 
 // Catches a constructor that is found for arguments it does not have, or that skips a check.

@@ -107,20 +107,15 @@ TEST(TunnelRibNames, followAPlainModel) {
   EXPECT_EQ(map->tunnelRibNameIs("first").value(), 0u);  // nothing is reserved
   map->nameToIdDelAll();
   std::map<std::string, U32> model;
-  for (const auto& [name, number] : {
-           std::pair(TunnelRibId::systemTunnelRibName, TunnelRibId::systemTunnelRibId),
-           {TunnelRibId::systemColoredTunnelRibName,
-                                                                                     TunnelRibId::systemColoredTunnelRibId     },
-           {TunnelRibId::systemTunnelingLdpTunnelRibName,
-                                                                                     TunnelRibId::systemTunnelingLdpTunnelRibId},
-           {TunnelRibId::systemIgpShortcutTunnelRibName,
-                                                                                     TunnelRibId::systemIgpShortcutTunnelRibId }
-  }) {
-    map->nameToIdIs(name, TunnelRibId(number));
-    model[std::string(name)] = number;
+  U32 next = 0;
+  for (const auto name :
+       {TunnelRibId::systemTunnelRibName, TunnelRibId::systemColoredTunnelRibName,
+        TunnelRibId::systemTunnelingLdpTunnelRibName,
+        TunnelRibId::systemIgpShortcutTunnelRibName}) {
+    map->nameToIdIs(name, TunnelRibId(next));
+    model[std::string(name)] = next++;
   }
   const auto system = model;
-  U32 next = 4;
   map->currentIdIs(TunnelRibId(next));
   for (int i = 0; i < 5000; ++i) {
     const std::string name = "rib" + std::to_string(random() % 40);

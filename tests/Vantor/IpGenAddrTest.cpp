@@ -1,8 +1,11 @@
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <new>
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 #include <arpa/inet.h>
 
@@ -33,11 +36,7 @@ void operator delete(void* block, std::size_t) noexcept {
 // Catches a spelling that is read as another address or written in another way than all
 // other programs write it; agreesWithTheSystem meets all the others.
 TEST(IpGenAddrText, spellings) {
-  struct Row {
-    const char* text;
-    const char* written;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"",                        ""                    },
       {"10.0.0.1",                "10.0.0.1"            },
       {"2001:DB8::A",             "2001:db8::a"         },
@@ -50,12 +49,12 @@ TEST(IpGenAddrText, spellings) {
       {"::1.2.3.4",               "::102:304"           },
       {"1:2:3:4:5:6:1.2.3.4",     "1:2:3:4:5:6:102:304" },
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    const IpGenAddr addr{Kop::String(row.text)};
-    EXPECT_EQ(addr.stringValue(), row.written);
-    EXPECT_EQ(addr, IpGenAddr{Kop::String(row.written)});
-    EXPECT_EQ(valueToStrep(addr), Kop::String("'" + std::string(row.written) + "'"));
+  for (const auto& [text, written] : rows) {
+    SCOPED_TRACE(text);
+    const IpGenAddr addr{Kop::String(text)};
+    EXPECT_EQ(addr.stringValue(), written);
+    EXPECT_EQ(addr, IpGenAddr{Kop::String(written)});
+    EXPECT_EQ(valueToStrep(addr), Kop::String("'" + std::string(written) + "'"));
   }
 }
 
@@ -174,46 +173,38 @@ TEST(IpGenAddrText, readingAndWritingAllocateNothing) {
 // Catches a change of the image or of the log form, which other processes read, and bytes
 // of a peer that are kept where no address has any.
 TEST(IpGenAddrImage, isCanonical) {
-  const U8 image[20] = {1, 0, 0, 0, 10, 0, 0, 1};
+  const U8 bytesOfAddr[20] = {1, 0, 0, 0, 10, 0, 0, 1};
   const IpGenAddr addr("10.0.0.1");
-  EXPECT_EQ(std::memcmp(&addr, image, sizeof image), 0);
-  EXPECT_EQ(addr.hash(), Kop::OneAtATime().bytes(image + 4, 16).result());
+  EXPECT_EQ(std::memcmp(&addr, bytesOfAddr, 20), 0);
+  EXPECT_EQ(addr.hash(), Kop::OneAtATime().bytes(bytesOfAddr + 4, 16).result());
   EXPECT_EQ(addr.hash(), IpGenAddr("a00:1::").hash());  // the family is not mixed
 
   const IpGenPrefix prefix(addr, 8);
-  EXPECT_EQ(std::memcmp(&prefix, image, sizeof image), 0);
+  EXPECT_EQ(std::memcmp(&prefix, bytesOfAddr, 20), 0);
   EXPECT_EQ(reinterpret_cast<const U8*>(&prefix)[20], 8);
 
-  struct Row {
-    const char* fault;
-    U8 bytes[21];
-    const char* prefix;  // null: refused
+  // The family in network order, the address in its first bytes, the length.
+  const auto image = [](U32 family, U8 first, U8 rest, U8 length) {
+    std::array<U8, 21> bytes{U8(family >> 24), 0, 0, U8(family), first, 0, 0, 1};
+    std::fill(bytes.begin() + 8, bytes.end() - 1, rest);
+    bytes[20] = length;
+    return bytes;
   };
-  const Row rows[] = {
-      {"none",
-       {0, 0, 0, 1, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8},
-       "10.0.0.1/8"                                                              },
-      {"tail of IPv4",
-       {0, 0, 0, 1, 10, 0, 0, 1, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 32},
-       "10.0.0.1/32"                                                             },
-      {"bytes without a family", {0, 0, 0, 0, 10, 0, 0, 1, 9},            ""     },
-      {"unknown family",         {0, 0, 0, 3, 10, 0, 0, 1},               nullptr},
-      {"family in another byte", {1, 0, 0, 0, 10, 0, 0, 1},               nullptr},
-      {"33 bits of IPv4",
-       {0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 33},
-       nullptr                                                                   },
-      {"129 bits of IPv6",
-       {0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 129},
-       nullptr                                                                   },
-      {"1 bit of nothing",
-       {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
-       nullptr                                                                   },
+  const std::tuple<const char*, std::array<U8, 21>, const char*> rows[] = {
+      {"none",                   image(1,       10, 0, 8),   "10.0.0.1/8" },
+      {"tail of IPv4",           image(1,       10, 7, 32),  "10.0.0.1/32"},
+      {"bytes without a family", image(0,       10, 9, 0),   ""           },
+      {"unknown family",         image(3,       10, 0, 0),   nullptr      },
+      {"family in another byte", image(1 << 24, 10, 0, 0),   nullptr      },
+      {"33 bits of IPv4",        image(1,       0,  0, 33),  nullptr      },
+      {"129 bits of IPv6",       image(2,       0,  0, 129), nullptr      },
+      {"1 bit of nothing",       image(0,       0,  0, 1),   nullptr      },
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.fault);
-    Kop::NboAttrLog::In in(row.bytes, sizeof row.bytes);
-    if (row.prefix) {
-      EXPECT_EQ(IpGenPrefix(in).stringValue(), row.prefix);
+  for (const auto& [fault, bytes, wanted] : rows) {
+    SCOPED_TRACE(fault);
+    Kop::NboAttrLog::In in(bytes.data(), bytes.size());
+    if (wanted) {
+      EXPECT_EQ(IpGenPrefix(in).stringValue(), wanted);
     } else {
       EXPECT_THROW(IpGenPrefix{in}, Kop::LogCorruptException);
     }
