@@ -1,83 +1,22 @@
 #include "Harness.h"
 
 #include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace AgentTest {
 
-pid_t forkedRun(const std::function<void()>& run) {
-  const pid_t parent = ::getpid();
-  const pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != parent) ::_exit(1);
-  run();
-  ::_exit(0);
-}
-
-void killAndWait(pid_t pid) {
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-}
-
-Database::Database() {
-  char name[] = "/tmp/agentXXXXXX";
-  if (!::mkdtemp(name)) std::abort();
-  directory_ = name;
-  start();
-}
-
-Database::~Database() {
-  kill();
-  for (U32 type = 0; type <= maxTunnelType; ++type)
-    if (Agent::hasTable(static_cast<TunnelType>(type)))
-      Quarn::TableWriter<TunnelTableEntry>::remove(shm(static_cast<TunnelType>(type)));
-  std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
-}
-
-void Database::start() {
-  const std::string daemon = HOUSE_BIN_DIR "/hiveld", types = "libTunnelHivelTypes.so.0";
-  // Run anew, because a copy of this process would keep its tables and so their locks.
-  pid_ = forkedRun([&] {
-    ::execl(daemon.c_str(), "hiveld", "--socket", socketPath().c_str(), "--types",
-            types.c_str(), "--quiet", nullptr);
-  });
-  Hivel::ClientOptions options;
-  options.socketPath = socketPath();
-  options.retryMax = 20ms;
-  Hivel::Client client(options);
-  client.wait([&] { return client.state() == Hivel::Client::State::connected; },
-              patience);
-}
-
-void Database::kill() {
-  if (pid_ > 0) killAndWait(pid_);
-  pid_ = -1;
-}
-
-Publisher::Options Database::options(const std::string& agent) const {
+Publisher::Options Agents::options(const std::string& agent) const {
   Publisher::Options options;
-  options.socketPath = socketPath();
+  options.socketPath = socket_;
   options.agent = agent;
   return options;
 }
 
-std::string Database::shm(TunnelType type) const {
-  return Agent::shmName(socketPath(),
-                        Agent::tablePath(std::string(Agent::tableNameOf(type))));
+std::string Agents::shm(TunnelType type) const {
+  return Agent::shmName(socket_, Agent::tablePath(std::string(Agent::tableNameOf(type))));
 }
 
 Path pathOf(TunnelType type, const std::string& name, U32 hops, U32 salt) {
-  Path path;
-  path.type = type;
-  path.name = name;
+  Path path{.type = type, .name = name};
   path.endpoint = IpGenPrefix(IpGenAddr::fromIpv4(0x0a000000 + salt % 5), 32);
   path.metric = salt;
   for (U32 hop = 0; hop < hops; ++hop) {
@@ -104,16 +43,10 @@ Path randomPath(std::minstd_rand& random) {
   return path;
 }
 
-Reader::Reader(const Database& database, const std::string& agent)
+Reader::Reader(const Hivel::ClientOptions& options, const std::string& agent)
     : agent_(agent),
-      client_([&] {
-        Hivel::ClientOptions options;
-        options.socketPath = database.socketPath();
-        options.name = "reader";
-        options.retryMax = 50ms;
-        return options;
-      }()),
-      directory(client_, database.socketPath()),
+      client_(options),
+      directory(client_, options.socketPath),
       rib(directory) {
   directory.follow(agent);
 }
@@ -125,92 +58,17 @@ std::string Reader::differenceTo(const Model& model) {
 }
 
 std::string Reader::difference(const Model& model) {
-  std::vector<TunnelTableEntry> rows;
-  bool listsNextHops = false;
-  for (const Agent::TableRef& table : directory.tables()) {
-    if (table.agent != agent_) return "a table of " + table.agent;
-    if (!table.hasRows()) {
-      listsNextHops =
-          std::string_view(table.info.mountPath()) == Agent::nexthopTablePath(agent_);
-      continue;
-    }
-    directory.open(table)->forEachRow([&](U64 key, const TunnelTableEntry& row) {
-      if (row.tunnelId().value() == key && row.tunnelId().tunnelType() == table.type)
-        rows.push_back(row);
-    });
-  }
-  if (!listsNextHops) return "no table of next hops is listed";
-  if (rows.size() != model.size())
-    return std::to_string(rows.size()) + " rows, not " + std::to_string(model.size());
-  for (const TunnelTableEntry& row : rows) {
-    const auto at = model.find({row.tunnelId().tunnelType(), std::string(row.getName())});
-    if (at == model.end()) return "row " + std::string(row.getName()) + " is of no path";
-    const Path& path = at->second;
-    TunnelTableEntry expected(
-        row.tunnelId(),
-        TunnelEntryPref(TunnelEntryPref::getDefaultPrefForType(path.type)));
-    expected.nexthopTunnelIdIs(row.nexthopTunnelId());
-    expected.entryMetricIs(path.metric);
-    expected.tunnelBwIs(TunnelBandwidth(path.bandwidth));
-    if (path.endpoint != IpGenPrefix()) expected.tepIs(path.endpoint);
-    expected.setName(path.name);
-    const bool ipv6 = (row.tunnelId().value() & TunnelIdConstants::tunnelAfMask) != 0;
-    if (!(row == expected) || ipv6 != path.ipv6)
-      return "row " + std::string(row.getName()) + " is not as told";
-  }
-  for (const std::string& found :
-       {hopDifference(rows, model), nameDifference(rows), ribDifference(rows)})
-    if (!found.empty()) return found;
-  return {};
-}
-
-std::string Reader::hopDifference(const std::vector<TunnelTableEntry>& rows,
-                                  const Model& model) {
-  const auto table = directory.nextHops(agent_);
-  if (!table) return "no table of next hops";
-  U32 count = 0;
-  for (const TunnelTableEntry& row : rows) {
-    const std::string name(row.getName());
-    const Path& path = model.at({row.tunnelId().tunnelType(), name});
-    const Agent::Hops hops = Agent::hopsOf(*table, row);
-    if (!hops.arrived || hops.infos.size() != path.nextHops.size())
-      return "path " + name + " has " + std::to_string(hops.infos.size()) + " hops";
-    for (std::size_t i = 0; i < hops.infos.size(); ++i) {
-      const NexthopTunnelL3Info& info = hops.infos[i];
-      if (info.groupType() != Tunnel::TunnelTable::mpls ||
-          !(NextHop{info.destinationIp(), info.l3Intf(), info.mplsLabelStack()} ==
-            path.nextHops[i]))
-        return "hop " + std::to_string(i) + " of path " + name + " is not as told";
-    }
-    count += static_cast<U32>(hops.infos.size());
-  }
-  for (const auto& node : table->entry())
-    if (Agent::groupOf(node.key()) >= table->nextAvailableIndex())
-      return "a group of hops beyond the next available index";
-  return table->entryCount() == count ? "" : "hops that no row leads to";
-}
-
-std::string Reader::nameDifference(const std::vector<TunnelTableEntry>& rows) {
-  const auto names = directory.names(agent_);
-  if (!names) return "no names";
-  U64 count = 0;
-  for (const auto& child : names->localTunnelNameStatus()) {
-    const TunnelNameStatus& status = *child.value;
-    if (status.tunnelNameToIdCount() != status.tunnelIdToNameCount() ||
-        status.tunnelNameToIdCount() != status.tunnelIdNamePairCount())
-      return "the collections of names differ";
-    count += status.tunnelNameToIdCount();
-  }
-  if (count != rows.size()) return std::to_string(count) + " names";
-  for (const TunnelTableEntry& row : rows) {
-    const TunnelId id = row.tunnelId();
-    const auto status = names->localTunnelNameStatus(id.tunnelType());
-    if (!status || !(status->tunnelNameToId(row.getName()) == id) ||
-        !(status->tunnelIdToName(id) == row.getName()) ||
-        !status->tunnelIdNamePairHas(TunnelIdNamePair(id, row.getName())))
-      return "the name of row " + std::string(row.getName());
-  }
-  return {};
+  Support::Published found;
+  const std::string fault = read(directory, agent_, found);
+  if (!fault.empty()) return fault;
+  if (found.paths.size() != model.size())
+    return std::to_string(found.paths.size()) + " rows, not " +
+           std::to_string(model.size());
+  for (const auto& [key, path] : model)
+    if (const auto at = found.paths.find(key);
+        at == found.paths.end() || !(at->second == path))
+      return Support::lineOf(path) + " is not as told";
+  return ribDifference(found.rows);
 }
 
 // The RIB as it is by sorting, and whether every change of it was told.

@@ -1,61 +1,34 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <map>
 #include <random>
 #include <set>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include <sys/types.h>
-
-#include "apps/agent/Directory.h"
 #include "apps/agent/Publisher.h"
+#include "tests/Support/Processes.h"
+#include "tests/Support/PublishedPaths.h"
 
-// A state database in a process of its own, agents, and what readers see of them.
+// Agents in this process beside a state database, and what readers see of them.
 
 namespace AgentTest {
 
 using namespace std::chrono_literals;
 using namespace Tunnel::TunnelTable;
-using Agent::NextHop;
 using Agent::Path;
 using Agent::Publisher;
+using Support::keyOf;
+using Support::PathKey;
+using Model = Support::Paths;  // what a source has told
 using Vantor::IpGenAddr;
 using Vantor::IpGenPrefix;
 
 constexpr auto patience = 20s;
 
-// Runs in a child process that ends with this one.
-pid_t forkedRun(const std::function<void()>& run);
-void killAndWait(pid_t pid);
-
-// A server; its directory, socket and the tables made under it go with it.
-class Database {
- public:
-  Database();
-  ~Database();
-  Database(const Database&) = delete;
-  Database& operator=(const Database&) = delete;
-
-  void start();
-  void kill();  // as in a crash: nothing is kept
-  std::string socketPath() const { return directory_ + "/sock"; }
+class Agents : public Support::WithDatabase {
+ protected:
   Publisher::Options options(const std::string& agent = "one") const;
   std::string shm(TunnelType type) const;
-
- private:
-  std::string directory_;
-  pid_t pid_ = -1;
 };
-
-// What a source has told, by type and name.
-using Model = std::map<std::pair<TunnelType, std::string>, Path>;
-inline std::pair<TunnelType, std::string> keyOf(const Path& path) {
-  return {path.type, std::string(path.name)};
-}
 
 Path pathOf(TunnelType type, const std::string& name, U32 hops = 1, U32 salt = 0);
 // Few types and names, so that paths come back, and few endpoints, so that they compete.
@@ -64,7 +37,7 @@ Path randomPath(std::minstd_rand& random);
 // A connection that reads everything.
 class Reader {
  public:
-  explicit Reader(const Database& database, const std::string& agent = "one");
+  explicit Reader(const Hivel::ClientOptions& options, const std::string& agent = "one");
 
   // Waits until rows, hops, names, directory and RIB are those of the model. Empty, or what
   // is still different when patience is over.
@@ -83,9 +56,6 @@ class Reader {
 
  private:
   std::string difference(const Model& model);
-  std::string hopDifference(const std::vector<TunnelTableEntry>& rows,
-                            const Model& model);
-  std::string nameDifference(const std::vector<TunnelTableEntry>& rows);
   std::string ribDifference(const std::vector<TunnelTableEntry>& rows);
 
   using Rib = std::map<IpGenPrefix, std::vector<TunnelTableEntry>>;

@@ -12,9 +12,7 @@ using Agent::IndexPool;
 
 // A summary bit that is left behind: a free number that is not found, or a taken one that is.
 TEST(IndexPool, agreesWithASet) {
-  constexpr U32 seed = 20261121;
-  SCOPED_TRACE(seed);
-  std::minstd_rand random(seed);
+  std::minstd_rand random(20261121);
   IndexPool pool;
   std::set<U32> gaps;  // free numbers below `end`
   U32 end = 1;
@@ -25,16 +23,14 @@ TEST(IndexPool, agreesWithASet) {
     const U32 free = pool.nextFree(from);
     ASSERT_EQ(free, gap == gaps.end() ? end : *gap) << step;
     if (step < 9'000 || random() % 2 == 0) {
-      ASSERT_TRUE(pool.take(free));
-      ASSERT_FALSE(pool.take(free));
+      ASSERT_TRUE(pool.take(free) && !pool.take(free));
       gaps.erase(free);
       end = std::max(end, free + 1);
     } else if (const U32 number = 1 + static_cast<U32>(random()) % end;
                pool.has(number)) {
-      ASSERT_FALSE(gaps.contains(number));
+      ASSERT_TRUE(gaps.insert(number).second);
       pool.free(number);
       ASSERT_FALSE(pool.has(number));
-      gaps.insert(number);
     }
     ASSERT_EQ(pool.count(), end - 1 - gaps.size());
     ASSERT_EQ(pool.end(), end);
@@ -44,8 +40,7 @@ TEST(IndexPool, agreesWithASet) {
 // Numbers at the ends, and the last of all.
 TEST(IndexPool, endsAtItsLimit) {
   IndexPool pool;
-  EXPECT_FALSE(pool.take(0));
-  EXPECT_FALSE(pool.take(IndexPool::limit));
+  EXPECT_FALSE(pool.take(0) || pool.take(IndexPool::limit));
   EXPECT_TRUE(pool.take(IndexPool::limit - 1));
   EXPECT_EQ(pool.nextFree(IndexPool::limit - 1), 0u);
   EXPECT_EQ(pool.nextFree(IndexPool::limit), 0u);

@@ -2,41 +2,33 @@
 
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "apps/fpmagent/Session.h"
-#include "apps/tunnelctl/Json.h"
+#include "tests/Support/PublishedPaths.h"
 
-// Streams made by hand and recorded ones, and a sink that only remembers.
+// Streams made by hand and recorded ones, a sink that only remembers, and a daemon's end of a
+// connection.
 
 namespace FpmTest {
 
 using namespace Fpm;
 using Bytes = std::vector<U8>;
 
-Bytes contents(const std::string& file);
-// One of examples/fpm, without its ending.
-Bytes recording(const std::string& name);
 extern const std::vector<std::string> recordings;
+std::string fileOf(
+    const std::string& recording);  // one of examples/fpm, without its ending
+Bytes recording(const std::string& name);
+Bytes head(const Bytes& stream, std::size_t size);
 
-// ---- netlink, written plainly ----
-
-Bytes join(const std::vector<Bytes>& parts);
-Bytes u16(U16 value);  // host order
-Bytes u32(U32 value);
-Bytes labelStack(const std::vector<U32>& labels);
-Bytes attribute(U16 kind, const Bytes& value);
-Bytes message(U16 type, const Bytes& body);
-Bytes frame(const std::vector<Bytes>& messages);
-Bytes framed(const Message& message);  // a route or a next hop, as a daemon writes it
-Bytes encoded(const Message& message);
-
-// ---- the sink ----
+// A frame with one message: its type, the beginning of its body in hexadecimal (-: none),
+// the rest of which is 0, and attributes as KIND=HEX. For what is malformed: .HEX more of the body, #N its
+// size, +HEX behind the message, @N=HEX a byte of the frame that is another one.
+// "24 1c140000fec10001 1=0004d100" is a switched path of label 77 by LDP.
+Bytes frameOf(const std::string& text);
 
 class Memory : public PathSink {
  public:
-  using Key = std::pair<U32, std::string>;  // type, name
   struct Held {
     Agent::Path path;
     bool stale = false;
@@ -51,19 +43,32 @@ class Memory : public PathSink {
   // Every path as a line, by kind and name.
   std::vector<std::string> lines() const;
 
-  std::map<Key, Held> paths;
+  std::map<Support::PathKey, Held> paths;
   U64 changes = 0, tells = 0, convergences = 0;
   std::string refuses;  // the name of a path that there is no room for
 };
 
-std::string lineOf(const Agent::Path& path);
+// One stream into a sink.
+struct Stream {
+  explicit Stream(Memory& sink) : session(sink, options, {}) {}
+  void feed(std::span<const U8> bytes, std::size_t piece = 60'000);
+  const Session::Options options;
+  Session session;
+  FrameReader frames;
+};
+std::vector<std::string> linesOf(const Bytes& stream);  // of the paths that it tells
 
-// ---- the state, as the description of a recording's end says it ----
+class Daemon {
+ public:
+  explicit Daemon(U16 port);
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+  void send(const Bytes& bytes) const;
+  bool closed() const;  // by the agent
 
-Tunnelctl::Json describe(const RouteState& state);
-Tunnelctl::Json describeSwitched(const Memory& sink);
-
-// Feeds a whole stream in pieces of at most `piece` bytes.
-void feed(Session& session, const Bytes& stream, std::size_t piece = 60'000);
+ private:
+  int fd_;
+};
 
 }  // namespace FpmTest

@@ -11,7 +11,6 @@
 namespace FpmTest {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -240,7 +239,8 @@ TEST_F(FpmState, whatAnEarlierStreamLeftGoesWhenItIsSeenToBeGone) {
   EXPECT_EQ(sink.changes, changes);
   tell({deleted(switchedPath(20, 0, {})), switchedPath(21, 196, {pushing(1)})});
   EXPECT_EQ(sink.paths.size(), 2u);
-  EXPECT_TRUE(sink.paths.contains({5, "static-label-21"}));
+  EXPECT_TRUE(
+      sink.paths.contains({Tunnel::TunnelTable::staticTunnel, "static-label-21"}));
 }
 
 // Catches a path that cannot be a tunnel and stops the stream, or is published in part.
@@ -267,7 +267,7 @@ TEST_F(FpmState, saysWhyARouteIsNoTunnel) {
                         "ldp 1 for which the kind has no IPv6, "
                         "static 1 with too many labels, static 1 refused"));
   tell({ipv6(187)});
-  EXPECT_TRUE(sink.paths.contains({7, "isis-2001:db8::/32"}));
+  EXPECT_TRUE(sink.paths.contains({Tunnel::TunnelTable::srTunnel, "isis-2001:db8::/32"}));
 }
 
 // Catches an interface that stands for another one.

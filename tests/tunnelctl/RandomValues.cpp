@@ -34,33 +34,29 @@ void read(GenericValue& value, Next next) {
 }
 
 // Texts of foreign types; a type takes those it understands.
-const char* const quotedTexts[] = {
-    "'10.0.0.1'",
-    "'255.255.255.255'",
-    "'2001:db8::1'",
-    "'::'",
-    "'10.0.0.0/8'",
-    "'0.0.0.0/0'",
-    "'2001:db8::/32'",
-    "'::/0'",
-    "'Ethernet3/1'",
-    "'Generic77.5.1'",
-    "'Vlan100'",
-    "'Tunnel7'",
-    "'x y'",
-    "'it\\'s'",
-    "'DynamicTunnel3145728.5'",
-    "'0a00ff'",
-    "'00'",
-    "''",
-    "'00:11:22:aa:bb:cc'",
-    "'Loopback0'",
-};
-const char* const wordTexts[] = {
-    "[]",           "[16]",      "[16, 20, 1048575]",
-    "[1, 5]",       "[0, 255]",  "noOperation[]",
-    "push[16, 20]", "swap[100]", "pop[]",
-};
+const char* const quotedTexts[] = {"'10.0.0.1'",
+                                   "'255.255.255.255'",
+                                   "'2001:db8::1'",
+                                   "'::'",
+                                   "'10.0.0.0/8'",
+                                   "'0.0.0.0/0'",
+                                   "'2001:db8::/32'",
+                                   "'::/0'",
+                                   "'Ethernet3/1'",
+                                   "'Generic77.5.1'",
+                                   "'Vlan100'",
+                                   "'Tunnel7'",
+                                   "'x y'",
+                                   "'it\\'s'",
+                                   "'DynamicTunnel3145728.5'",
+                                   "'0a00ff'",
+                                   "'00'",
+                                   "''",
+                                   "'00:11:22:aa:bb:cc'",
+                                   "'Loopback0'"};
+const char* const wordTexts[] = {"[]",           "[16]",      "[16, 20, 1048575]",
+                                 "[1, 5]",       "[0, 255]",  "noOperation[]",
+                                 "push[16, 20]", "swap[100]", "pop[]"};
 
 }  // namespace
 

@@ -2,9 +2,9 @@
 #include <limits>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "apps/tunnelctl/Rows.h"
+#include "tests/Support/Rows.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {
@@ -68,49 +68,41 @@ TEST(RowSet, standsInTheOrderOfEntries) {
   }
 }
 
-// Catches endpoints that are compared by their text or beyond the prefix's bits.
+// Catches endpoints that are compared by their text or beyond the prefix's bits, and a fault
+// of a row that is not told.
 TEST(Rows, endpointsLieInPrefixes) {
-  const struct {
-    const char* endpoint;
-    const char* within;
-    bool lies;
-  } rows[] = {
-      {"10.0.0.1/32",     "10.0.0.1",      true },
-      {"10.0.0.1/32",     "10.0.0.2",      false},
-      {"10.1.127.0/24",   "10.1.0.0/17",   true },
-      {"10.1.128.0/24",   "10.1.0.0/17",   false},
-      {"10.1.0.0/16",     "10.1.0.0/17",   false},
-      {"10.1.0.0/17",     "10.1.99.0/17",  true },
-      {"10.0.0.1/32",     "0.0.0.0/0",     true },
-      {"10.0.0.1/32",     "::/0",          false},
-      {"2001:db8::1/128", "2001:db8::/32", true },
-      {"2001:db8::1/128", "2001:db9::/32", false},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(std::string(row.endpoint) + " in " + row.within);
-    EXPECT_EQ(isInside(Vantor::IpGenPrefix(Kop::String(row.endpoint)),
-                       readPrefixArgument("--endpoint", row.within)),
-              row.lies);
-  }
+  const auto rows = Support::rowsOf(R"(
+10.0.0.1/32     | 10.0.0.1      | yes
+10.0.0.1/32     | 10.0.0.2      | no
+10.1.127.0/24   | 10.1.0.0/17   | yes
+10.1.128.0/24   | 10.1.0.0/17   | no
+10.1.0.0/16     | 10.1.0.0/17   | no
+10.1.0.0/17     | 10.1.99.0/17  | yes
+10.0.0.1/32     | 0.0.0.0/0     | yes
+10.0.0.1/32     | ::/0          | no
+2001:db8::1/128 | 2001:db8::/32 | yes
+2001:db8::1/128 | 2001:db9::/32 | no
+)");
+  for (const auto& row : rows)
+    EXPECT_EQ(isInside(Vantor::IpGenPrefix(Kop::String(row[0])),
+                       readPrefixArgument("--endpoint", row[1])),
+              row[2] == "yes")
+        << row[0] << " in " << row[1];
   for (const char* text : {"", "10.0.0.0/33", "10.0.0", "frob"})
     EXPECT_THROW(readPrefixArgument("--endpoint", text), UsageError) << text;
-}
 
-// Catches a fault of a row that is not told.
-TEST(Rows, faultsAreTold) {
   const U64 key = TunnelId::convertToTunnelValue(srTunnel, 5);
-  const TunnelTableEntry good(TunnelId(key), TunnelEntryPref(65));
+  const U64 odd = U64{25} << TunnelIdConstants::tunnelTypePos;
+  TunnelTableEntry good(TunnelId(key), TunnelEntryPref(65));
   EXPECT_EQ(rowFault(srTunnel, key, good), "");
   EXPECT_THAT(rowFault(srTunnel, key + 1, good),
               HasSubstr("but says it is " + std::to_string(key)));
   EXPECT_THAT(rowFault(ldpTunnel, key, good), HasSubstr("but the table holds ldpTunnel"));
-  const U64 odd = U64{25} << TunnelIdConstants::tunnelTypePos;
   EXPECT_THAT(
       rowFault(srTunnel, odd, TunnelTableEntry(TunnelId(odd), TunnelEntryPref(1))),
       HasSubstr("type 25"));
-  TunnelTableEntry nan = good;
-  nan.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
-  EXPECT_THAT(rowFault(srTunnel, key, nan), HasSubstr("bandwidth that is no number"));
+  good.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
+  EXPECT_THAT(rowFault(srTunnel, key, good), HasSubstr("bandwidth that is no number"));
 }
 
 }  // namespace

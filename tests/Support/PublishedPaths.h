@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "apps/agent/Directory.h"
+#include "apps/agent/Path.h"
+
+// The tunnels of an agent as another process sees them, put together again to paths.
+
+namespace Support {
+
+using Tunnel::TunnelTable::TunnelId;
+using Tunnel::TunnelTable::TunnelType;
+
+using PathKey = std::pair<TunnelType, std::string>;
+using Paths = std::map<PathKey, Agent::Path>;
+
+inline PathKey keyOf(const Agent::Path& path) {
+  return {path.type, std::string(path.name)};
+}
+
+struct Published {
+  Paths paths;
+  std::map<PathKey, TunnelId> ids;
+  std::vector<Tunnel::TunnelTable::TunnelTableEntry> rows;
+};
+
+// Reads all rows with their hops and names. What does not fit together is the result: a row
+// that no path has, hops that are missing or of no row, names that are not those of the rows.
+std::string read(const Agent::TableDirectory& directory,
+                 const std::string& agent,
+                 Published& to);
+
+// The same through a connection of its own, which waits until all has arrived.
+Published publishedBy(const std::string& agent, const Hivel::ClientOptions& options);
+
+// A path as one line.
+std::string lineOf(const Agent::Path& path);
+
+}  // namespace Support

@@ -1,0 +1,51 @@
+#include "tests/Support/Rows.h"
+
+#include <sstream>
+
+namespace Support {
+
+namespace {
+
+std::string cell(std::string text) {
+  const auto begin = text.find_first_not_of(' ');
+  if (begin == text.npos) return {};
+  text = text.substr(begin, text.find_last_not_of(' ') - begin + 1);
+  for (auto at = text.find("\\n"); at != text.npos; at = text.find("\\n", at))
+    text.replace(at, 2, "\n");
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::vector<std::string>> rowsOf(const std::string& text) {
+  std::vector<std::vector<std::string>> rows;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty()) continue;
+    std::vector<std::string>& row = rows.emplace_back();
+    for (std::string left = line + " | "; !left.empty();) {
+      const auto end = left.find(" | ");
+      row.push_back(cell(left.substr(0, end)));
+      left.erase(0, end + 3);
+    }
+  }
+  return rows;
+}
+
+std::vector<std::string> wordsOf(const std::string& text) {
+  std::vector<std::string> words;
+  bool quoted = false, inside = false;
+  for (const char c : text) {
+    if (c == '\'') quoted = !quoted;
+    if (c == ' ' && !quoted) {
+      inside = false;
+      continue;
+    }
+    if (!inside) words.emplace_back();
+    inside = true;
+    if (c != '\'') words.back() += c;
+  }
+  return words;
+}
+
+}  // namespace Support
