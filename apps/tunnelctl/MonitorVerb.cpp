@@ -4,9 +4,11 @@
 #include <memory>
 #include <ostream>
 #include <set>
+#include <utility>
 
 #include "Kop/Exception.h"
 #include "apps/tunnelctl/Events.h"
+#include "apps/tunnelctl/HopWatch.h"
 #include "apps/tunnelctl/Monitor.h"
 #include "apps/tunnelctl/RowWatch.h"
 #include "apps/tunnelctl/Tables.h"
@@ -55,6 +57,7 @@ class Monitor {
           tables_->session().client().process();
       markWhenSettled(end_.elapsed() > context_.timeout);
       pollRows();
+      tellHops();
       context_.out.flush();
       if (isOver()) break;
       if (!wait()) break;
@@ -73,6 +76,7 @@ class Monitor {
     std::unique_ptr<EntityWatch> watch;
     bool toldOfEntity = false;
     std::unique_ptr<RowWatch> rows;  // of a table in shared memory
+    std::map<U64, RowHops> hops;     // of its rows, as told last; with details
     std::string rowsFault;           // why they cannot be read, as it was told
   };
 
@@ -218,6 +222,7 @@ class Monitor {
     for (std::size_t i = 0; i < rows.count(); ++i) {
       const TunnelTableEntry row = rows.row(i);
       const RowHops hops = hopsOf(path, row);
+      keepHops(path, rows.key(i), &hops);
       if (context_.style.json) {
         Json event = EventLog::eventOf(path, "row");
         event.add("key", Json::number(rows.key(i)));
@@ -240,9 +245,43 @@ class Monitor {
       // What a table calls a row is its key; the row may say another.
       const std::string name =
           key == row.tunnelId().value() ? idText(row.tunnelId()) : std::to_string(key);
-      log_.change(path, {"row", name, Json::number(key), before, after,
-                         after ? hopsOf(path, *after) : RowHops()});
+      const RowHops hops = after ? hopsOf(path, *after) : RowHops();
+      keepHops(path, key, after ? &hops : nullptr);
+      log_.change(path, {"row", name, Json::number(key), before, after, hops});
     };
+  }
+
+  void keepHops(const std::string& path, U64 key, const RowHops* hops) {
+    if (!context_.style.detail) return;
+    auto& kept = followed_[path].hops;
+    if (hops)
+      kept.insert_or_assign(key, *hops);
+    else
+      kept.erase(key);
+  }
+
+  // A row stays as it is when only its next hops change. Called behind the changes of rows,
+  // with which hops were told.
+  void tellHops() {
+    if (!marked_ || !tables_) return;
+    hops_->update();
+    if (!hops_->anyChanged()) return;
+    for (const auto& [key, value] : followed_) {
+      const std::string& path = key;
+      if (!value.rows || !value.watch) continue;
+      value.rows->forEach([&](U64 row, const TunnelTableEntry& entry) {
+        if (hops_->hasChanged(agents_[path], entry)) tellHops(path, row, entry);
+      });
+    }
+  }
+  void tellHops(const std::string& path, U64 key, const TunnelTableEntry& row) {
+    const RowHops now = hopsOf(path, row);
+    RowHops& told = followed_[path].hops[key];
+    // Hops that are on their way are told when all have arrived.
+    if (!now.known || now.hops == told.hops) return;
+    const RowHops before = std::exchange(told, now);
+    log_.change(path, {"row", idText(row.tunnelId()), Json::number(key), &row, &row, now,
+                       before});
   }
 
   void pollRows() {
@@ -272,6 +311,7 @@ class Monitor {
     if (!tables_) {
       tables_ = std::make_unique<Tables>(context_);
       tables_->follow(followsNextHops);
+      hops_ = std::make_unique<HopWatch>(*tables_);
     }
     std::string& agent = agents_[path];
     if (agent.empty())
@@ -317,6 +357,7 @@ class Monitor {
   MonitorEnd end_;
   Session session_;
   std::unique_ptr<Tables> tables_;             // when next hops are shown
+  std::unique_ptr<HopWatch> hops_;             // likewise
   std::map<std::string, std::string> agents_;  // of tables, by path
   std::map<std::string, Followed> followed_;
   bool marked_ = false;

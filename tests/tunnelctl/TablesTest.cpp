@@ -210,6 +210,12 @@ TEST_F(TablesThreads, monitorFollowsRows) {
   EXPECT_TRUE(monitor->says(
       "+ row IS-IS SR tunnel index 5  endpoint 10.0.0.7/32, preference 65, metric 1,"));
   EXPECT_TRUE(monitor->says("    via 10.1.0.9  Ethernet3  push 17\n"));
+  added.nextHops.push_back(hop("10.1.0.13", "Ethernet4", {}));
+  tell(added);
+  EXPECT_TRUE(
+      monitor->says("~ row IS-IS SR tunnel index 5  next hops 10.1.0.9 Ethernet3 "
+                    "push 17 -> 10.1.0.9 Ethernet3 push 17, 10.1.0.13 Ethernet4 "
+                    "push\n"));
   publisher_->pathDel(srTunnel, "new");
   EXPECT_TRUE(monitor->says("- row IS-IS SR tunnel index 5  endpoint 10.0.0.7/32"));
   EXPECT_EQ(monitor->end(SIGTERM), 0) << monitor->err();
