@@ -125,7 +125,7 @@ std::optional<int> parse(int argc, const char* const* argv, Arguments& arguments
   app.add_flag("--hold", arguments.hold, "Stay after the replay until a signal")
       ->needs(replay);
   app.add_option(
-         "--quiet", quiet,
+         "--quiet-time", quiet,
          "Seconds without a frame after which the daemon has told everything, and "
          "what it did not tell is deleted; at the latest after ten times that")
       ->type_name("SECONDS")

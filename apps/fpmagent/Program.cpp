@@ -9,6 +9,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <systemd/sd-daemon.h>
 
 #include "apps/agent/Publisher.h"
 #include "apps/fpmagent/CommandLine.h"
@@ -103,10 +104,13 @@ class Program {
       listen();
     else
       replay();
+    // Whoever starts us by a service manager goes on only now, when a daemon can connect.
+    ::sd_notify(0, "READY=1");
     while (!ended_) {
       loop_.run_one();
       serveDatabase();
     }
+    ::sd_notify(0, "STOPPING=1");
     if (const Session* const session = current())
       spdlog::info("the daemon told {}", session->state().summary());
     return end() && good_ ? 0 : exitFailed;

@@ -2,6 +2,10 @@
 #include <optional>
 #include <thread>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 
 #include "Harness.h"
@@ -29,7 +33,7 @@ class FpmProcessesThreads : public Support::WithDatabase {
     return startCommand("fpmagent", arguments);
   }
   std::unique_ptr<Process> listener() {
-    auto running = agent({"--listen", "127.0.0.1:0", "--quiet", "0.5"});
+    auto running = agent({"--listen", "127.0.0.1:0", "--quiet-time", "0.5"});
     EXPECT_TRUE(running->says("listening on 127.0.0.1 port "));
     const std::string log = running->err();
     port_ = static_cast<U16>(std::stoul(log.substr(log.rfind(' '))));
@@ -132,6 +136,28 @@ TEST_F(FpmProcessesThreads, aSecondConnectionTakesOverWhenItSends) {
   second.reset();
   const Daemon empty(port_);
   EXPECT_TRUE(running->says("; 20 stale paths deleted"));
+}
+
+// Catches a service that counts as started before a daemon can connect, or never.
+TEST_F(FpmProcessesThreads, tellsTheServiceManagerWhenADaemonCanConnect) {
+  const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un address{AF_UNIX, {}};
+  const std::string path = directory_ + "/notify";
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  const auto running = listener();
+  ::unsetenv("NOTIFY_SOCKET");
+  const auto told = [&] {
+    char text[100] = {};
+    const timeval limit{20, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    return std::string(text, std::max<ssize_t>(::recv(fd, text, sizeof text, 0), 0));
+  };
+  EXPECT_EQ(told(), "READY=1");
+  EXPECT_EQ(running->end(SIGTERM), 0);
+  EXPECT_EQ(told(), "STOPPING=1");
+  ::close(fd);
 }
 
 // Catches a wrong command line that is guessed at, a failure with status 0, and a replay that
