@@ -244,7 +244,7 @@ TEST(ConfigurationApply, followsAModelOfRandomFilesOfEveryType) {
   U64 changes = 0;
   eachEntityType([&](const Kop::TypeRecord& type) {
     const auto entity = type.entity->make("x");
-    for (int step = 0; step < 100; ++step) {
+    for (int step = 0; step < 50; ++step) {
       const auto other = type.entity->make("x");
       random.fill(*other);
       const Json before = stateOf(*entity), named = someOf(random, type, stateOf(*other));
@@ -278,7 +278,7 @@ TEST(ConfigurationApply, followsAModelOfRandomFilesOfEveryType) {
       changes += done.total();
     }
   });
-  EXPECT_GT(changes, 5000u);
+  EXPECT_GT(changes, 2500u);
 }
 
 }  // namespace
