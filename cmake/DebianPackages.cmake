@@ -67,4 +67,6 @@ foreach(component IN ITEMS RUNTIME DEV TOOLS)
   install(FILES ${changelog} DESTINATION ${directory} COMPONENT ${lower} OPTIONAL)
 endforeach()
 
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressManuals.cmake)
+
 include(CPack)
