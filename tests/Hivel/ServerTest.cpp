@@ -104,6 +104,8 @@ TEST_F(HivelServer, hasOneWriterPerPathAndNamesIt) {
   EXPECT_EQ(server->status().refusals, 2u);
   ASSERT_EQ(server->status().paths.size(), 1u);
   EXPECT_EQ(server->status().paths[0].refusals, 2u);
+  for (const auto& each : server->status().connections)
+    EXPECT_EQ(each.refusals, each.client == "second" ? 2u : 0u) << each.client;
 }
 
 // Counts what a replica's observers are told of its beds.
@@ -413,6 +415,11 @@ TEST_F(HivelServer, takesTheLastWordsOfAClient) {
   EXPECT_TRUE(loop.until([&] { return server->status().accepted == 1; }));
   EXPECT_EQ(plot->title(), "last words");
   EXPECT_FALSE(plot->readOnlyProxy());
+  // And while a client is about to adopt it, nobody else writes it.
+  const Raw adopting(dir.path("hivel.sock"));
+  adopting.send(frameOf(helloOf("raw", 0)) +
+                frameOf(Frame::Mount{1, Mode::adopt, false, "a", "", "n", 9}));
+  EXPECT_TRUE(loop.until([&] { return plot->readOnlyProxy(); }));
 }
 
 // A writer's messages that are cut anywhere, or damaged, change nothing but its connection.

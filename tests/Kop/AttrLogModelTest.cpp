@@ -177,8 +177,7 @@ TEST(AttrLogRandom, replicasEqualAPlainModelThroughStopsAndLostLinks) {
   }
 }
 
-// Catches memory that grows with the changes instead of with what is alive, and a collection
-// that is sent again while the walk of another one waits.
+// Catches memory that grows with the changes instead of with what is alive.
 TEST(AttrLogBounded, aReaderThatDoesNotReadCostsAMarkPerLiveKey) {
   const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
   for (U32 n = 0; n < 500; ++n)  // their walk waits, too

@@ -209,6 +209,28 @@ TEST(AttrLogPump, stoppedAfterEveryMessageSendsAllFromItsStart) {
   }
 }
 
+// Catches a collection that is sent again while the walk of another one waits.
+TEST(AttrLogPump, finishesAWaitingWalkBeforeItBeginsAnother) {
+  const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
+  for (U32 n = 0; n < 20; ++n)
+    tree->markIs(n), tree->placeIs(Port(n, U8{0}), placeOf(n));
+  Link link(tree, copy);
+  link.writer.resync();
+  link.stream.creditIs(30);
+  ASSERT_FALSE(link.writer.process());
+  ASSERT_EQ(adapterOf(*tree).flowOut()->bookmark(), 260u);
+  for (U32 n = 100; n < 2000; ++n)
+    tree->markIs(n), tree->markDel(n);
+  ASSERT_EQ(link.stream.counters().walksAgain, 1u);
+  for (int i = 0; i < 100; ++i) {
+    link.stream.creditIs(2);
+    link.writer.process();
+  }
+  link.stream.creditIs(1u << 20);
+  link.drain();
+  EXPECT_EQ(dump(*copy), dump(*tree));
+}
+
 // Every message there is, from a writer that is live and then sends all.
 std::vector<Bytes> allMessages(const Kop::Ptr<TallTree>& tree) {
   Stream stream;
@@ -294,8 +316,9 @@ TEST(AttrLogCorrupt, messagesAreAppliedWholeOrRefused) {
 
 TEST(AttrLogCorrupt, childrenNeedAnIdentityOfTheirOwn) {
   const auto tree = fullTree();
-  const U64 root = tree->identity();
+  const U64 root = tree->identity(), gone = tree->branch("b1")->identity();
   Victim victim(root, allMessages(tree));
+  EXPECT_FALSE(victim.takes(frame(1, gone, 258, "00000000"))) << "it was deleted";
   for (const U64 identity : {tree->branch("b0")->identity(), root, U64{0}})
     for (const char* key : {"00000001 7a", "00000002 6232"})  // a new one, b2
       EXPECT_FALSE(victim.takes(frame(25, root, 262, key + hex64(identity)))) << identity;
