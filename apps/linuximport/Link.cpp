@@ -1,6 +1,7 @@
 #include "apps/linuximport/Link.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include <linux/if_link.h>
@@ -94,7 +95,7 @@ struct Rule {
   RULE(attribute, isIpv6 ? 16 : 4, address<&Link::member, isIpv6>)
 
 template <bool isIpv6>
-constexpr Rule ipRules[] = {
+constexpr auto ipRules = std::to_array<Rule>({
     ADDRESS_RULE(IFLA_IPTUN_LOCAL, local),
     ADDRESS_RULE(IFLA_IPTUN_REMOTE, remote),
     RULE(IFLA_IPTUN_LINK, 4, host<&Link::lower>),
@@ -109,9 +110,10 @@ constexpr Rule ipRules[] = {
     RULE(IFLA_IPTUN_FWMARK, 4, host<&Link::mark>),
     // With an IPv4 header these are other flags, of 16 bits, that nobody here asks for.
     RULE(IFLA_IPTUN_FLAGS, isIpv6 ? 4 : 2, flags6<isIpv6>),
-};
+});
+
 template <bool isIpv6>
-constexpr Rule greRules[] = {
+constexpr auto greRules = std::to_array<Rule>({
     ADDRESS_RULE(IFLA_GRE_LOCAL, local),
     ADDRESS_RULE(IFLA_GRE_REMOTE, remote),
     RULE(IFLA_GRE_LINK, 4, host<&Link::lower>),
@@ -132,17 +134,17 @@ constexpr Rule greRules[] = {
     RULE(IFLA_GRE_ERSPAN_INDEX, 4, host<&Link::erspanIndex>),
     RULE(IFLA_GRE_ERSPAN_DIR, 1, number8<&Link::erspanDirection>),
     RULE(IFLA_GRE_ERSPAN_HWID, 2, host<&Link::erspanHardware>),
-};
+});
 
 template <bool isIpv6>
-constexpr Rule vtiRules[] = {
+constexpr auto vtiRules = std::to_array<Rule>({
     ADDRESS_RULE(IFLA_VTI_LOCAL, local),
     ADDRESS_RULE(IFLA_VTI_REMOTE, remote),
     RULE(IFLA_VTI_LINK, 4, host<&Link::lower>),
     RULE(IFLA_VTI_IKEY, 4, big<&Link::iKey>),
     RULE(IFLA_VTI_OKEY, 4, big<&Link::oKey>),
     RULE(IFLA_VTI_FWMARK, 4, host<&Link::mark>),
-};
+});
 
 constexpr Rule vxlanRules[] = {
     RULE(IFLA_VXLAN_ID, 4, host<&Link::vni>),
