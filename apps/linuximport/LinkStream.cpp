@@ -36,7 +36,9 @@ void LinkStream::lost() {
 void LinkStream::receive(std::span<const U8> bytes) {
   auto left = static_cast<int>(bytes.size());
   const auto* header = reinterpret_cast<const nlmsghdr*>(bytes.data());
-  for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
+  // The library compares a size above 2 GiB as a negative number, which always fits.
+  for (; mnl_nlmsg_ok(header, left) && header->nlmsg_len <= static_cast<U32>(left);
+       header = mnl_nlmsg_next(header, &left)) {
     const std::span payload(static_cast<const U8*>(mnl_nlmsg_get_payload(header)),
                             mnl_nlmsg_get_payload_len(header));
     const bool isAnswer = isDumping_ && header->nlmsg_seq == sequence_;
