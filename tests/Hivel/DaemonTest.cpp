@@ -15,7 +15,7 @@ namespace {
 
 using namespace Hivel;
 
-class DaemonThreads : public testing::Test {
+class DaemonProcesses : public testing::Test {
  protected:
   // Runs it to its end.
   int run(const std::vector<std::string>& arguments) {
@@ -33,7 +33,7 @@ class DaemonThreads : public testing::Test {
 };
 
 // Catches a daemon that leaves its socket behind, or that is stopped by what one left behind.
-TEST_F(DaemonThreads, startsOnceAndLeavesNothing) {
+TEST_F(DaemonProcesses, startsOnceAndLeavesNothing) {
   daemon.startServing(socket);
   for (const int signal : {SIGTERM, SIGINT}) {
     Client client(clientOptions(dir));
@@ -58,7 +58,7 @@ TEST_F(DaemonThreads, startsOnceAndLeavesNothing) {
 
 // Catches a daemon that claims to be ready while clients are still refused: a service
 // manager would start them too early.
-TEST_F(DaemonThreads, tellsItsServiceManagerWhenItIsReady) {
+TEST_F(DaemonProcesses, tellsItsServiceManagerWhenItIsReady) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string notified = logs.path("notify");
@@ -87,7 +87,7 @@ TEST_F(DaemonThreads, tellsItsServiceManagerWhenItIsReady) {
 }
 
 // Catches an error without a reason or with another status than a script expects.
-TEST_F(DaemonThreads, saysWhatIsWrongWithItsArguments) {
+TEST_F(DaemonProcesses, saysWhatIsWrongWithItsArguments) {
   daemon.startServing(socket);
   const std::string taken = "error: another server listens on " + socket + "\n";
   const struct {
@@ -120,7 +120,7 @@ TEST_F(DaemonThreads, saysWhatIsWrongWithItsArguments) {
 // A server that dies while its clients write and read. Catches a copy that differs
 // afterwards, that keeps what was deleted meanwhile, that is emptied while nobody serves it,
 // or that is another object; and a client that gives up or has to be told.
-TEST_F(DaemonThreads, copiesAreEqualAfterTheServerIsKilled) {
+TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
   daemon.startServing(socket);
   Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
   Loop loop;

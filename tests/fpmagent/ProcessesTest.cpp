@@ -23,7 +23,7 @@ using Support::Process;
 using testing::HasSubstr;
 using testing::UnorderedElementsAreArray;
 
-class FpmProcessesThreads : public Support::WithDatabase {
+class FpmProcesses : public Support::WithDatabase {
  protected:
   void SetUp() override {
     WithDatabase::SetUp();
@@ -51,7 +51,7 @@ class FpmProcessesThreads : public Support::WithDatabase {
 
 // Catches state that does not arrive as the stream said, identifiers that a restart loses,
 // and an end before everything is handed over.
-TEST_F(FpmProcessesThreads, aReplayArrivesWholeAndARestartKeepsIdentifiers) {
+TEST_F(FpmProcesses, aReplayArrivesWholeAndARestartKeepsIdentifiers) {
   for (const std::string& name : {recordings[2], recordings[1]}) {
     SCOPED_TRACE(name);
     EXPECT_EQ(agent({"--replay", fileOf(name)})->join(), 0);
@@ -77,7 +77,7 @@ TEST_F(FpmProcessesThreads, aReplayArrivesWholeAndARestartKeepsIdentifiers) {
 
 // Catches a connection that breaks and takes paths with it, and a daemon's return that
 // renumbers tunnels or leaves what it no longer tells.
-TEST_F(FpmProcessesThreads, aDaemonThatComesBackFindsItsTunnels) {
+TEST_F(FpmProcesses, aDaemonThatComesBackFindsItsTunnels) {
   const auto running = listener();
   const Bytes stream = recording(recordings[0]);
   std::optional<Daemon> daemon(std::in_place, port_);
@@ -109,7 +109,7 @@ TEST_F(FpmProcessesThreads, aDaemonThatComesBackFindsItsTunnels) {
 
 // Catches a scanner of ports that ends the daemon's session, and a daemon that comes back
 // and has to wait for its old connection to be seen dead.
-TEST_F(FpmProcessesThreads, aSecondConnectionTakesOverWhenItSends) {
+TEST_F(FpmProcesses, aSecondConnectionTakesOverWhenItSends) {
   const auto running = listener();
   const auto closed = [](const Daemon& daemon) {
     return Support::eventually([&] { return daemon.closed(); });
@@ -139,7 +139,7 @@ TEST_F(FpmProcessesThreads, aSecondConnectionTakesOverWhenItSends) {
 }
 
 // Catches a service that counts as started before a daemon can connect, or never.
-TEST_F(FpmProcessesThreads, tellsTheServiceManagerWhenADaemonCanConnect) {
+TEST_F(FpmProcesses, tellsTheServiceManagerWhenADaemonCanConnect) {
   const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
   sockaddr_un address{AF_UNIX, {}};
   const std::string path = directory_ + "/notify";
@@ -162,7 +162,7 @@ TEST_F(FpmProcessesThreads, tellsTheServiceManagerWhenADaemonCanConnect) {
 
 // Catches a wrong command line that is guessed at, a failure with status 0, and a replay that
 // calls a stream whole that is not.
-TEST_F(FpmProcessesThreads, saysWhatIsWrong) {
+TEST_F(FpmProcesses, saysWhatIsWrong) {
   const std::string pair = fileOf(recordings[1]);
   const Bytes cut = head(recording(recordings[1]), 130);
   const std::string rows = R"(

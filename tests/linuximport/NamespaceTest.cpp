@@ -19,7 +19,7 @@ void write(const char* file, const std::string& text) {
   std::ofstream(file) << text;
 }
 
-class ImportLinux : public ProcessesThreads {
+class ImportLinux : public CtlProcesses {
  protected:
   void SetUp() override {
     const uid_t uid = getuid();
@@ -31,7 +31,7 @@ class ImportLinux : public ProcessesThreads {
       write("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
       write("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
-    ProcessesThreads::SetUp();
+    CtlProcesses::SetUp();
     ip("link set lo up");
     if (const std::string said = ip("link add probe type vxlan id 1 dstport 4789");
         !said.empty())

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
 
-class CompletionThreads : public ProcessesThreads {
+class CompletionProcesses : public CtlProcesses {
  protected:
   // What a shell offers for the last word of a line that is split at blanks and, as bash
   // does, at colons and equals signs.
@@ -66,7 +66,7 @@ class CompletionThreads : public ProcessesThreads {
 
 // Catches words that a shell splits and does not put together, arguments that are taken for
 // others, and names that the database has and nobody is offered.
-TEST_F(CompletionThreads, shellsOfferWhatMayFollow) {
+TEST_F(CompletionProcesses, shellsOfferWhatMayFollow) {
   ASSERT_EQ(ctl({"apply", HOUSE_SOURCE_DIR "/examples/whole-router.json"}).status, 0);
   const std::string ctl = HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " ";
   const struct {

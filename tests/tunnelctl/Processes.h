@@ -21,7 +21,7 @@ struct Result {
   std::string out, err;
 };
 
-class ProcessesThreads : public Support::WithDatabase {
+class CtlProcesses : public Support::WithDatabase {
  protected:
   std::unique_ptr<Process> start(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {"-s", socket_});

@@ -16,7 +16,7 @@ const std::string router = HOUSE_SOURCE_DIR "/examples/edge-router.json";
 const std::string change = HOUSE_SOURCE_DIR "/examples/edge-router-change.json";
 constexpr const char* config = "tunnel/mpls/config";
 
-class ApplyThreads : public ProcessesThreads {
+class ApplyProcesses : public CtlProcesses {
  protected:
   void expectApplied(const std::string& from, const std::string& says) {
     const Result result = ctl({"apply", from});
@@ -30,7 +30,7 @@ class ApplyThreads : public ProcessesThreads {
 
 // Catches a change that does not reach another process, a copy that is not equal, and what
 // cannot be applied again as it was shown.
-TEST_F(ApplyThreads, whatOneAppliesAnotherFollowsAndAThirdShows) {
+TEST_F(ApplyProcesses, whatOneAppliesAnotherFollowsAndAThirdShows) {
   const std::string held = directory_ + "/held.json";
   auto monitor = startMonitor({"tunnel", "--state", held});
   expectApplied(router, "3 paths: 3 paths made, 9 attributes set, 21 entries added");
@@ -61,7 +61,7 @@ TEST_F(ApplyThreads, whatOneAppliesAnotherFollowsAndAThirdShows) {
 }
 
 // Catches nested values, ordered maps and records as keys that do not survive being shown.
-TEST_F(ApplyThreads, aWholeRouterIsShownAsItWasApplied) {
+TEST_F(ApplyProcesses, aWholeRouterIsShownAsItWasApplied) {
   const std::string tunnels = HOUSE_SOURCE_DIR "/examples/whole-router.json";
   auto monitor = startMonitor({"tunnel"});
   expectApplied(tunnels, "9 paths: 9 paths made, 5 attributes set, 25 entries");
@@ -81,7 +81,7 @@ TEST_F(ApplyThreads, aWholeRouterIsShownAsItWasApplied) {
 
 // Catches a file that is applied in part: because it is bad, because the server refuses a
 // type, or because another process writes one of its paths.
-TEST_F(ApplyThreads, whatCannotBeAppliedLeavesEverythingAsItWas) {
+TEST_F(ApplyProcesses, whatCannotBeAppliedLeavesEverythingAsItWas) {
   Hivel::Client holder(clientOptions("holder"));
   Hivel::MountOptions mount;
   mount.type = "Tunnel::MplsTunnelConfig";
@@ -113,7 +113,7 @@ TEST_F(ApplyThreads, whatCannotBeAppliedLeavesEverythingAsItWas) {
 
 // Catches a path that stays after its deletion, here or at a follower, and limits of a
 // follower that are ignored.
-TEST_F(ApplyThreads, pathsAreDeleted) {
+TEST_F(ApplyProcesses, pathsAreDeleted) {
   auto limited = startMonitor({"--count", "3"});
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   EXPECT_EQ(limited->join(), 0);
@@ -130,7 +130,7 @@ TEST_F(ApplyThreads, pathsAreDeleted) {
 }
 
 // Catches a follower that dies with the server, or that keeps what the new server lost.
-TEST_F(ApplyThreads, aFollowerSurvivesTheServer) {
+TEST_F(ApplyProcesses, aFollowerSurvivesTheServer) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   auto monitor = startMonitor({"-j", "--state", directory_ + "/held.json"});
   EXPECT_THAT(monitor->out(),

@@ -17,7 +17,7 @@ using testing::Not;
 
 const std::string router = HOUSE_SOURCE_DIR "/examples/whole-router.json";
 
-class SaveThreads : public ProcessesThreads {
+class SaveProcesses : public CtlProcesses {
  protected:
   // Makes the database hold one random entity of each type, and nothing else of a path.
   void fill(Random& random) {
@@ -45,7 +45,7 @@ class SaveThreads : public ProcessesThreads {
 
 // Catches state that is lost or changed on its way through a file, an order that is not always
 // the same, and a difference that is not what applying then does.
-TEST_F(SaveThreads, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
+TEST_F(SaveProcesses, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
   constexpr U32 seed = 5;
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
@@ -86,7 +86,7 @@ TEST_F(SaveThreads, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
 }
 
 // Catches kinds that are left out or let in, and prefixes that are not heeded.
-TEST_F(SaveThreads, savesWhatIsConfiguration) {
+TEST_F(SaveProcesses, savesWhatIsConfiguration) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   ASSERT_EQ(ctl({"apply", HOUSE_SOURCE_DIR "/examples/edge-router.json"}).status, 0);
   const std::string whole = ctl({"save"}).out,
@@ -127,7 +127,7 @@ TEST_F(SaveThreads, savesWhatIsConfiguration) {
 }
 
 // Catches a file that is lost or cut when the new one cannot be written, and leavings.
-TEST_F(SaveThreads, aFileIsReplacedAsAWholeOrNotAtAll) {
+TEST_F(SaveProcesses, aFileIsReplacedAsAWholeOrNotAtAll) {
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   const std::string folder = directory_ + "/folder", name = folder + "/saved.json";
   std::filesystem::create_directory(folder);
@@ -182,7 +182,7 @@ TEST_F(SaveThreads, aFileIsReplacedAsAWholeOrNotAtAll) {
 }
 
 // Catches a file that is applied by halves because its author pressed Ctrl-C.
-TEST_F(SaveThreads, aSignalWaitsForTheEndOfApply) {
+TEST_F(SaveProcesses, aSignalWaitsForTheEndOfApply) {
   constexpr U32 count = 20000;
   std::string entries;
   for (U32 i = 0; i < count; ++i)

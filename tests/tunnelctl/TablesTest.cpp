@@ -33,10 +33,10 @@ Agent::Path path(TunnelType type, const char* name, const char* endpoint, U32 me
 }
 
 // An agent in this process beside the daemon, and the command in processes of its own.
-class TablesThreads : public ProcessesThreads {
+class TablesProcesses : public CtlProcesses {
  protected:
   void SetUp() override {
-    ProcessesThreads::SetUp();
+    CtlProcesses::SetUp();
     publish();
   }
   void publish() {
@@ -93,7 +93,7 @@ class TablesThreads : public ProcessesThreads {
 // Catches rows out of order, columns that moved, next hops that are not found, rows that a
 // pattern should have left out, a worse tunnel that is called the best, and tables that do
 // not contribute.
-TEST_F(TablesThreads, areShown) {
+TEST_F(TablesProcesses, areShown) {
   tellAll();
   expectTranscript(R"(
 $ table srTunnelTable
@@ -162,7 +162,7 @@ table --limit 2 | 2 | --limit
 }
 
 // Catches names that are shown though a collection does not know them.
-TEST_F(TablesThreads, namesThatDisagreeAreTold) {
+TEST_F(TablesProcesses, namesThatDisagreeAreTold) {
   const std::string names = file("names.json", R"([{"path": "tunnel/tunnelName/other",
  "type": "Tunnel::TunnelTable::ProtocolTunnelNameStatus",
  "localTunnelNameStatus": {"ldpTunnel": {"tunnelNameToId": {"odd": 52776558133249}}}},
@@ -175,7 +175,7 @@ TEST_F(TablesThreads, namesThatDisagreeAreTold) {
 }
 
 // Catches a table of another process whose damage ends the command, or is not told.
-TEST_F(TablesThreads, faultsOfRowsAreToldAndEndNothing) {
+TEST_F(TablesProcesses, faultsOfRowsAreToldAndEndNothing) {
   tellAll();
   publisher_.reset();  // leaves its tables
   const std::string memory = Agent::shmName(socket_, "tunnel/table/srTunnelTable");
@@ -196,7 +196,7 @@ rib                          | 0 | endpoint
 }
 
 // Catches changes of rows that are not seen, or are told without what changed.
-TEST_F(TablesThreads, monitorFollowsRows) {
+TEST_F(TablesProcesses, monitorFollowsRows) {
   tellAll();
   auto monitor = startMonitor({"-d", "tunnel/table/srTunnelTable"});
   EXPECT_THAT(monitor->out(), HasSubstr("via 10.1.0.5  Ethernet2  push 16002 16001"));
@@ -223,7 +223,7 @@ TEST_F(TablesThreads, monitorFollowsRows) {
 
 // Catches a follower that loses a change when more changed than the table remembers, or when
 // another table takes the place of the one it looks at.
-TEST_F(TablesThreads, monitorSurvivesOverrunAndRestart) {
+TEST_F(TablesProcesses, monitorSurvivesOverrunAndRestart) {
   tellAll();
   auto monitor = startMonitor({"-j", "tunnel/table/srTunnelTable"});
   monitor->send(SIGSTOP);
@@ -249,7 +249,7 @@ TEST_F(TablesThreads, monitorSurvivesOverrunAndRestart) {
 
 // Catches a best tunnel that changed without being told, also one whose row stays as it is
 // because only its next hops are others.
-TEST_F(TablesThreads, monitorFollowsTheBestOfEachEndpoint) {
+TEST_F(TablesProcesses, monitorFollowsTheBestOfEachEndpoint) {
   tellAll();
   auto monitor = startMonitor({"-d", "--rib", "10.0.0.0/8"});
   EXPECT_THAT(monitor->out(), Not(HasSubstr("2001:db8")));

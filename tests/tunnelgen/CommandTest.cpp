@@ -75,7 +75,7 @@ struct Held final : Sink {
   Support::Paths paths;
 };
 
-class CommandThreads : public Support::WithDatabase {
+class CommandProcesses : public Support::WithDatabase {
  protected:
   std::unique_ptr<Support::Process> start(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {abilene, "--socket", socket_});
@@ -97,7 +97,7 @@ class CommandThreads : public Support::WithDatabase {
 
 // Catches tunnels that do not reach other processes as they were computed, those that a
 // failure changed and a return did not restore, and old ones that stay.
-TEST_F(CommandThreads, othersReadWhatIsPublished) {
+TEST_F(CommandProcesses, othersReadWhatIsPublished) {
   auto first = start(
       {"--stack", "explicit", "--metric", "hops", "--changes", "30", "--down", "6"});
   EXPECT_EQ(first->join(), 0);
@@ -123,7 +123,7 @@ TEST_F(CommandThreads, othersReadWhatIsPublished) {
 
 // Catches tunnels that a signal in the midst of changes leaves without their next hops, a
 // database that returns without them, and one that is waited for without end.
-TEST_F(CommandThreads, endsInTheMidstOfChanges) {
+TEST_F(CommandProcesses, endsInTheMidstOfChanges) {
   auto failing = start({"--kind", "ldpTunnel", "--fail-rate", "500/s"});
   EXPECT_TRUE(failing->says("published"));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
