@@ -87,6 +87,7 @@ TEST_F(HivelServer, hasOneWriterPerPathAndNamesIt) {
                                std::to_string(::getuid()) + ")";
   EXPECT_EQ(in.writer(), whoFirst);
   EXPECT_TRUE(warnings.empty());
+  EXPECT_TRUE(loop.until([&] { return first.drained(); }));
   for (const Mode mode : {Mode::replace, Mode::adopt}) {
     EXPECT_EQ(refusal(second.mount("garden/front", mode, all(Plot::PlotIs("q")))),
               "it is written by " + whoFirst);

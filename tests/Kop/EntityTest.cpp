@@ -143,12 +143,17 @@ TEST(EntityReflection, answersForWhatThereIs) {
     return entityAttributeOp({type, id}, what, *tree, at, nullptr, result);
   };
   EXPECT_FALSE(op(EntityOp::get, 261, &absent, &stop));
+  EXPECT_TRUE(op(EntityOp::get, 261, &key, &stop));
+  EXPECT_EQ(stop.zone(), 7u);
   EXPECT_FALSE(op(EntityOp::get, 300, nullptr, &height));
   EXPECT_FALSE(op(EntityOp::del, 261, &absent));
   EXPECT_TRUE(op(EntityOp::del, 261, &key));
   tree->markIs(1);
   tree->markIs(1, false);  // it is there, whatever the value
   EXPECT_TRUE(tree->markHas(1));
+  const U32 one = 1;
+  bool isThere = false;
+  EXPECT_TRUE(op(EntityOp::get, 258, &one, &isThere) && isThere);
   EXPECT_TRUE(op(EntityOp::del, 258, nullptr));
   EXPECT_EQ(tree->stopCount() + tree->markCount(), 0u);
   EXPECT_FALSE(entityIterator({type, 264}, *tree));
