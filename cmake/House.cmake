@@ -287,12 +287,13 @@ function(house_test library)
                        PROPERTIES TIMEOUT 120 LABELS threads)
 endfunction()
 
-# house_bench(Kop SOURCES FooBench.cpp ... [DEPENDS target ...])
+# house_bench(Kop SOURCES FooBench.cpp ... [DEPENDS target ...] [LARGE])
 #
 # One benchmark program `kop_bench` for one library, put into bench/. CTest runs every
-# benchmark of it for one iteration, so that none rots.
+# benchmark of it for one iteration, so that none rots; of those with several sizes not the
+# largest, unless the program is LARGE: has no others.
 function(house_bench library)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "LARGE" "" "SOURCES;DEPENDS")
   string(TOLOWER ${library} lower)
   set(name ${lower}_bench)
   add_executable(${name} ${arg_SOURCES})
@@ -304,7 +305,12 @@ function(house_bench library)
                         RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
   add_dependencies(benchmarks ${name})
   if(HOUSE_TESTS)
-    add_test(NAME bench.${library} COMMAND ${name} --benchmark_min_time=1e-9)
+    set(sizes "-/(500000|1000000)(/|$)")
+    if(arg_LARGE)
+      set(sizes .)
+    endif()
+    add_test(NAME bench.${library}
+             COMMAND ${name} --benchmark_min_time=1e-9 --benchmark_filter=${sizes})
     set_tests_properties(bench.${library} PROPERTIES LABELS bench TIMEOUT 300)
   endif()
 endfunction()
