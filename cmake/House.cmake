@@ -227,6 +227,14 @@ function(house_app name)
   add_dependencies(commands ${name})
 endfunction()
 
+# house_parses_arguments(CommandLine.cpp ...): sources of the calling folder that read arguments
+# once. The parser is all headers: optimising it takes 22 s of a source instead of 14 s.
+function(house_parses_arguments)
+  if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O1)
+  endif()
+endfunction()
+
 # house_example(name SOURCES name.cpp DEPENDS Tunnel): a program for readers, put into
 # examples/. CTest runs it; it must end with status 0.
 function(house_example name)

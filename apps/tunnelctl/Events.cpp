@@ -172,6 +172,19 @@ void EventLog::mark() {
     note("", "mark", "changes from here on");
 }
 
+void EventLog::connectionIs(Hivel::Client::State state, const std::string& reason) {
+  using State = Hivel::Client::State;
+  const bool isConnected = state == State::connected;
+  if (state == State::connecting || isConnected == isConnected_) return;
+  isConnected_ = isConnected;
+  if (context_.style.json)
+    note("", isConnected ? "connected" : "lost", isConnected ? "" : reason);
+  else
+    note("", "",
+         isConnected ? "connected again"
+                     : "connection lost: " + reason + "; trying again");
+}
+
 Clock::duration MonitorEnd::elapsed() const {
   return Clock::now() - begin_;
 }

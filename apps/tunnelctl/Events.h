@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Hivel/Client.h"
 #include "apps/tunnelctl/Rows.h"
 #include "apps/tunnelctl/State.h"
 #include "apps/tunnelctl/Verbs.h"
@@ -50,6 +51,8 @@ class EventLog {
   void change(const std::string& path, const Change& change);
   void change(const std::string& path, const RowChange& change);
   void mark();  // what follows are changes
+  // The connection to the database was lost, or stands again.
+  void connectionIs(Hivel::Client::State state, const std::string& reason);
   U64 changes() const { return changes_; }
   void countChange() { ++changes_; }
 
@@ -60,6 +63,7 @@ class EventLog {
  private:
   const Context& context_;
   U64 changes_ = 0;
+  bool isConnected_ = true;
 };
 
 // When a monitor ends: after so many changes, at a time, or when it is asked to.

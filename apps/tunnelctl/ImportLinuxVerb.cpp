@@ -235,19 +235,6 @@ class Import {
     log_.note(printable(tunnel.name), what, text);
   }
 
-  void connectionChanged(Hivel::Client::State state, const std::string& reason) {
-    using State = Hivel::Client::State;
-    const bool isUp = state == State::connected;
-    if (state == State::connecting || isUp == isUp_) return;
-    isUp_ = isUp;
-    if (context_.style.json)
-      log_.note("", isUp ? "connected" : "lost", isUp ? "" : reason);
-    else
-      log_.note(
-          "", "",
-          isUp ? "connected again" : "connection lost: " + reason + "; trying again");
-  }
-
   // ---- from here on ----
 
   void watch() {
@@ -273,7 +260,7 @@ class Import {
     }
     Hivel::Client& client = session_->client();
     client.onState = [this](Hivel::Client::State state, const std::string& reason) {
-      connectionChanged(state, reason);
+      log_.connectionIs(state, reason);
     };
     log_.mark();
     auto relist = Clock::now() + options_.interval;
@@ -311,7 +298,6 @@ class Import {
   std::unique_ptr<Session> session_;
   std::set<std::string> present_;  // paths, before there were ours
   std::string refusal_;            // of a path that was ours
-  bool isUp_ = true;
 };
 
 }  // namespace

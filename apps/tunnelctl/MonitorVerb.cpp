@@ -47,7 +47,7 @@ class Monitor {
     });
     session_.client().onState = [this](Hivel::Client::State state,
                                        const std::string& reason) {
-      connectionChanged(state, reason);
+      log_.connectionIs(state, reason);
     };
     while (!isOver()) {
       while (session_.client().wants())
@@ -325,19 +325,6 @@ class Monitor {
 
   // ---- what is told ----
 
-  void connectionChanged(Hivel::Client::State state, const std::string& reason) {
-    using State = Hivel::Client::State;
-    const bool isUp = state == State::connected;
-    if (state == State::connecting || isUp == isUp_) return;
-    isUp_ = isUp;
-    if (context_.style.json)
-      log_.note("", isUp ? "connected" : "lost", isUp ? "" : reason);
-    else
-      log_.note(
-          "", "",
-          isUp ? "connected again" : "connection lost: " + reason + "; trying again");
-  }
-
   // What is held now, as `show -j /` prints it.
   void writeState() const {
     Json records = Json::array();
@@ -361,7 +348,6 @@ class Monitor {
   std::map<std::string, std::string> agents_;  // of tables, by path
   std::map<std::string, Followed> followed_;
   bool marked_ = false;
-  bool isUp_ = true;
 };
 
 }  // namespace
