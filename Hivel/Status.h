@@ -10,8 +10,8 @@
 namespace Hivel {
 
 struct ConnectionStatus {  // one client
-  U64 id = 0;          // in order of acceptance, from 1
-  std::string client;  // the name it gave
+  U64 id = 0;              // in order of acceptance, from 1
+  std::string client;      // the name it gave
   U32 pid = 0, uid = 0;
   U32 reads = 0, writes = 0;            // paths mounted now
   U64 messagesIn = 0, messagesOut = 0;  // of the attribute log

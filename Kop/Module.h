@@ -25,7 +25,7 @@ struct KOP_EXPORT MemberRecord {  // one member of a type
 };
 
 struct KOP_EXPORT TypeRecord {  // one type of a module
-  std::string_view name;  // qualified
+  std::string_view name;        // qualified
   Kind kind;
   U8 width;  // bytes of an enumeration, 0 otherwise
   std::span<const MemberRecord> members;

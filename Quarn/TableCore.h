@@ -32,7 +32,7 @@ struct TableOptions {
   U64 reserveRows = 0;  // so many rows come in without the index being rebuilt
 };
 
-struct TableStats {  // how big a table is, and how full
+struct TableStats {     // how big a table is, and how full
   U64 bytesMapped = 0;  // of address space
   U64 bytesUsed = 0;    // of the object: header, change ring, index, slots
   U64 bytesFree = 0;    // of these, in areas that serve nothing at the moment

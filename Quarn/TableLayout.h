@@ -71,7 +71,7 @@ inline constexpr U32 minLog2 = 10, maxLog2 = 32;  // words of an index
 inline constexpr U64 slotUnit = 16;
 inline constexpr U64 maxSize = (U64{1} << 40) * slotUnit;  // bytes of an object
 
-struct Header {  // the first page
+struct Header {   // the first page
   char magic[8];  // stored last by whoever creates the table
   U32 byteOrder;
   U32 version;
@@ -97,7 +97,7 @@ static_assert(offsetof(Header, size) == 256 && offsetof(Header, changes) == 320)
 static_assert(sizeof(Header) == 384);
 
 struct RingEntry {  // a change, and the key that it was of
-  U64 number;  // 0 while it is being written
+  U64 number;       // 0 while it is being written
   U64 key;
 };
 static_assert(sizeof(RingEntry) == 16);
@@ -107,8 +107,8 @@ static_assert(areasOffset == 1052672 && areasOffset % page == 0);
 
 enum class AreaKind : U8 { rows = 1, index = 2, free = 3 };
 struct AreaHeader {  // the beginning of an area
-  U64 size;  // bytes, this included
-  U64 kind;  // AreaKind in the low 8 bits, the size of a slot above
+  U64 size;          // bytes, this included
+  U64 kind;          // AreaKind in the low 8 bits, the size of a slot above
   U64 reserved[6];
 };
 static_assert(sizeof(AreaHeader) == 64);
