@@ -66,6 +66,29 @@ constexpr std::string_view tableKind() {
     return Kop::typeName<R>();
 }
 
+// Reads a row into `out`: the bytes must be one whole record and nothing else. Otherwise false,
+// after isNot(why), and `out` is unspecified. Some records answer deserializeLen with a yes or
+// no instead of their length, so what was read is measured.
+template <TableRecord R, class IsNot>
+bool rowToRecord(const RowBytes& bytes, R& out, IsNot&& isNot) {
+  const auto refuse = [&isNot](const char* why) {
+    isNot(why);
+    return false;
+  };
+  // A row of no bytes is whole for records that may be empty.
+  if (std::as_const(out).deserializeLen(bytes.data, bytes.length) == 0 &&
+      (bytes.length > 0 || R().serializeLen() > 0))
+    return refuse("it ends early");
+  try {
+    out.deserialize(bytes.data, bytes.length);
+  } catch (const std::exception& e) {
+    return refuse(e.what());
+  }
+  if (std::as_const(out).serializeLen() != bytes.length)
+    return refuse("its length is not that of its content");
+  return true;
+}
+
 template <TableRecord R>
 class TableWriter {
  public:
@@ -85,7 +108,7 @@ class TableWriter {
   bool row(U64 key, R& out) const {                   // false: absent
     RowBytes bytes;
     if (!core_.row(key, bytes)) return false;
-    out.deserialize(bytes.data, bytes.length);
+    decode(bytes, out);
     return true;
   }
   bool rowHas(U64 key) const { return core_.rowHas(key); }
@@ -99,11 +122,23 @@ class TableWriter {
     RowBytes bytes;
     R record;
     for (U64 place = 0; core_.next(place, bytes);) {
-      record.deserialize(bytes.data, bytes.length);
+      decode(bytes, record);
       f(bytes.key, std::as_const(record));
       KOP_ASSERT(core_.generation() == generation, "generation == writer.generation()",
                  "Quarn/Table");
     }
+  }
+  // Deletes the rows whose bytes are not a record, which row() and forEachRow() throw for: what
+  // an earlier writer left that took the record for something else. How many; a writer that
+  // takes a table over may do so first.
+  U64 rowDelUnreadable() {
+    RowBytes bytes;
+    R record;
+    U64 count = 0;
+    for (U64 place = 0; core_.next(place, bytes);)
+      if (!rowToRecord(bytes, record, [](const char*) {}))
+        count += core_.rowDel(bytes.key);
+    return count;
   }
   TableStats stats() const { return core_.stats(); }
   const std::string& name() const { return core_.name(); }
@@ -111,6 +146,11 @@ class TableWriter {
   static bool remove(std::string_view name) { return TableWriterCore::remove(name); }
 
  private:
+  void decode(const RowBytes& bytes, R& out) const {
+    rowToRecord(bytes, out,
+                [&](const char* why) { throwNotARecord(name(), bytes.key, why); });
+  }
+
   TableWriterCore core_;
 };
 
@@ -163,20 +203,9 @@ class TableReader {
   const std::string& name() const { return core_.name(); }
 
  private:
-  // The content must be one whole record and nothing else. Some records answer deserializeLen
-  // with a yes or no instead of their length, so what was read is measured.
   void decode(const RowBytes& bytes, R& out) const {
-    // A row of no bytes is whole for records that may be empty.
-    if (std::as_const(out).deserializeLen(bytes.data, bytes.length) == 0 &&
-        (bytes.length > 0 || R().serializeLen() > 0))
-      core_.throwNotARecord(bytes.key, "it ends early");
-    try {
-      out.deserialize(bytes.data, bytes.length);
-    } catch (const std::exception& e) {
-      core_.throwNotARecord(bytes.key, e.what());
-    }
-    if (std::as_const(out).serializeLen() != bytes.length)
-      core_.throwNotARecord(bytes.key, "its length is not that of its content");
+    rowToRecord(bytes, out,
+                [&](const char* why) { throwNotARecord(name(), bytes.key, why); });
   }
 
   TableReaderCore core_;

@@ -92,6 +92,11 @@ class QUARN_EXPORT TableWriterCore {  // the writing end, of rows that are bytes
   std::unique_ptr<Impl> impl_;
 };
 
+// Throws TableException: the bytes of this row of a table are not a record.
+[[noreturn]] QUARN_EXPORT void throwNotARecord(const std::string& table,
+                                               U64 key,
+                                               const char* why);
+
 class TableReaderImpl;
 
 class QUARN_EXPORT TableReaderCore {  // the reading end
@@ -113,8 +118,6 @@ class QUARN_EXPORT TableReaderCore {  // the reading end
   TableReport verify() const;
   TableStats stats() const;
   const std::string& name() const;
-  // Throws TableException: the bytes of this row are not a record.
-  [[noreturn]] void throwNotARecord(U64 key, const char* why) const;
 
   // One walk over all rows.
   class QUARN_EXPORT Walk {

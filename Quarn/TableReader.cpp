@@ -253,8 +253,8 @@ const std::string& TableReaderCore::name() const {
   return impl_->object.name();
 }
 
-void TableReaderCore::throwNotARecord(U64 key, const char* why) const {
-  throwTable(name(), "corrupt: the row of key %#lx is not a record: %s", key, why);
+void throwNotARecord(const std::string& table, U64 key, const char* why) {
+  throwTable(table, "corrupt: the row of key %#lx is not a record: %s", key, why);
 }
 
 TableReport TableReaderCore::verify() const {

@@ -143,8 +143,10 @@ void Publisher::Impl::recover() {
 }
 
 // Takes the rows of a table that was made before. What no path can have is deleted: a row
-// whose identifier is not its key or of another type, or whose index or name is another's.
+// whose bytes are no entry, whose identifier is not its key or of another type, or whose index
+// or name is another's.
 void Publisher::Impl::adopt(Kind& kind) {
+  kind.rows.rowDelUnreadable();
   std::vector<U64> own, foreign;
   kind.rows.forEachRow([&](U64 key, const TunnelTableEntry& row) {
     const TunnelId id = row.tunnelId();

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 
 #include <sys/resource.h>
@@ -139,6 +140,15 @@ TEST_F(PublisherFault, aFullTableChangesNothing) {
   }
 }
 
+// Bytes that are no entry, in a table of entries.
+struct Scrap {
+  static constexpr std::string_view tableKind = Quarn::tableKind<TunnelTableEntry>();
+  U32 serializeLen() const { return 3; }
+  void serialize(void* to) const { std::memcpy(to, "\7\7\7", 3); }
+  void deserialize(const void*, U32) {}
+  U32 deserializeLen(const void*, U32) const { return 3; }
+};
+
 // State that no agent leaves, or that two agents left: a row that nobody finds by its name,
 // one identifier or group that two paths own, an assertion over what another process wrote.
 TEST_F(PublisherFault, takesOverOnlyWhatAPathCanHave) {
@@ -157,8 +167,11 @@ TEST_F(PublisherFault, takesOverOnlyWhatAPathCanHave) {
     row.setName(path.name);
     rows.rowIs(idOf(key).value(), row);
   };
+  Quarn::TableWriter<Scrap>(shm(srTunnel)).rowIs(idOf(11).value(), Scrap());
   {
     Rows rows(shm(srTunnel));
+    const auto walk = [&] { rows.forEachRow([](U64, const TunnelTableEntry&) {}); };
+    EXPECT_THAT(refusalOf<Quarn::TableException>(walk), HasSubstr("it ends early"));
     const U64 huge = U64{1} << 42;
     rowIs(rows, 3, idOf(3), good, Agent::nextHopId(7, 0));
     rowIs(rows, 4, idOf(5), pathOf(srTunnel, "key"));
