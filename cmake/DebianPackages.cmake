@@ -49,7 +49,10 @@ set(CPACK_DEBIAN_DEV_DESCRIPTION
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tunnelhiveltypes-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${exact}")
+# The second is for the script that makes the users of the services.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${exact}, systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/postinst)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "state database of the tunnel subsystem and its command line\n The daemon that holds and replicates tunnel state, the command that shows and\n changes it, and agents that bring tunnels from a routing daemon or a drawing\n of a network.")
 

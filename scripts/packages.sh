@@ -1,6 +1,7 @@
 #!/bin/sh
 # The one list of Debian packages that building and testing needs. Installs those that are
-# missing and says nothing when none is; `packages.sh --list` prints the list.
+# missing and says nothing when none is; `packages.sh --list` prints the list. Of A|B, either will
+# do, and B is installed when there is neither.
 set -eu
 
 packages='
@@ -12,6 +13,7 @@ packages='
   libprotobuf-dev protobuf-compiler libflatbuffers-dev flatbuffers-compiler
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
   libpugixml-dev libmnl-dev iproute2
+  systemd|systemd-standalone-sysusers
 '
 
 if [ "${1:-}" = --list ]; then
@@ -21,8 +23,11 @@ fi
 
 missing=''
 for package in $packages; do
-  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
-  [ "$status" = installed ] || missing="$missing $package"
+  for either in $(echo "$package" | tr '|' ' '); do
+    status=$(dpkg-query -W -f '${db:Status-Status}' "$either" 2>/dev/null || true)
+    [ "$status" != installed ] || continue 2
+  done
+  missing="$missing $either"
 done
 [ -n "$missing" ] || exit 0
 
