@@ -127,8 +127,10 @@ TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
   loop.add(writer);
   loop.add(reader);
   const auto plot = Plot::PlotIs("p");
-  writer.mount("a", Mode::replace, {plot, {}, true});
-  const Mount& in = reader.mount("a", Mode::read);
+  // A writer that would adopt, and a reader that would not wait: not after a reconnection.
+  const Mount& out = writer.mount("a", Mode::adopt, {plot, {}, true});
+  ASSERT_TRUE(loop.until([&] { return out.settled() && writer.drained(); }));
+  const Mount& in = reader.mount("a", Mode::read, {nullptr, {}, false});
   ASSERT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
   const auto replica = Ptr<Plot>(dynamic_cast<Plot*>(in.entity().get()));
   std::minstd_rand random(7);
