@@ -1,127 +1,121 @@
-#include <algorithm>
-#include <fstream>
+#include <filesystem>
 
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "Harness.h"
+#include "tests/Support/Rows.h"
 
 namespace HivelTest {
 namespace {
 
-using namespace Hivel;
+using Support::Process;
 
 class DaemonProcesses : public testing::Test {
  protected:
-  // Runs it to its end.
-  int run(const std::vector<std::string>& arguments) {
-    Daemon other(log());
-    other.start(arguments);
-    return other.wait();
+  std::unique_ptr<Process> start(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), HOUSE_BIN_DIR "/hiveld");
+    return std::make_unique<Process>(arguments, logs.path(std::to_string(++runs)));
   }
-  std::string log() const { return logs.path("other"); }
-  std::string said() const { return Daemon(log()).log(); }
-  void forget() const { std::ofstream(log(), std::ios::trunc); }
+  void startServing() {
+    daemon = start({"--socket", socket, "--types", HIVEL_TEST_TYPES});
+    ASSERT_TRUE(daemon->says("listening"));
+  }
+  static bool reaches(Client& client, Client::State state) {
+    return client.wait([&] { return client.state() == state; }, patience);
+  }
 
   TempDir dir, logs;
   const std::string socket = dir.path("hivel.sock");
-  Daemon daemon{logs.path("hiveld")};
+  std::unique_ptr<Process> daemon;
+  int runs = 0;
 };
 
 // Catches a daemon that leaves its socket behind, or that is stopped by what one left behind.
 TEST_F(DaemonProcesses, startsOnceAndLeavesNothing) {
-  daemon.startServing(socket);
+  startServing();
   for (const int signal : {SIGTERM, SIGINT}) {
     Client client(clientOptions(dir));
-    ASSERT_TRUE(client.wait([&] { return client.state() == Client::State::connected; },
-                            patience));
-    daemon.signal(signal);
-    EXPECT_EQ(daemon.wait(), 0);
+    ASSERT_TRUE(reaches(client, Client::State::connected));
+    EXPECT_EQ(daemon->end(signal), 0);
     EXPECT_TRUE(dir.names().empty());
-    EXPECT_TRUE(
-        client.wait([&] { return client.state() == Client::State::lost; }, patience));
+    EXPECT_TRUE(reaches(client, Client::State::lost));
     EXPECT_EQ(client.reason(), "the server says: the server ends");
-    daemon.startServing(socket);
+    startServing();
   }
-  daemon.signal(SIGKILL);
-  EXPECT_EQ(daemon.wait(), -SIGKILL);
+  EXPECT_EQ(daemon->end(SIGKILL), 128 + SIGKILL);
   EXPECT_FALSE(dir.names().empty());
-  daemon.startServing(socket);
-  daemon.signal(SIGTERM);
-  EXPECT_EQ(daemon.wait(), 0);
+  startServing();
+  EXPECT_EQ(daemon->end(SIGTERM), 0);
   EXPECT_TRUE(dir.names().empty());
 }
 
 // Catches a daemon that claims to be ready while clients are still refused: a service
-// manager would start them too early.
+// manager would start them too early. And modes that are not those that were asked for.
 TEST_F(DaemonProcesses, tellsItsServiceManagerWhenItIsReady) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string notified = logs.path("notify");
-  notified.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  const timeval limit{10, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  ::setenv("NOTIFY_SOCKET", notified.c_str(), 1);
-  daemon.start({"--socket", socket});
-  ::unsetenv("NOTIFY_SOCKET");
-  const auto next = [&] {
-    char text[256];
-    const ssize_t size = ::recv(fd, text, sizeof text, 0);
-    return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
-  };
-  EXPECT_EQ(next(), "READY=1\nSTATUS=listening on " + socket);
-  Client client(clientOptions(dir));
+  const Support::ServiceManager manager(logs.path("notify"));
+  const std::string folder = dir.path("new"), made = folder + "/deep/x.sock";
+  daemon = start({"--socket", made, "--mode", "0600", "--directory-mode", "710"});
+  EXPECT_EQ(manager.told(), "READY=1\nSTATUS=listening on " + made);
+  ClientOptions options = clientOptions(dir);
+  options.socketPath = made;
+  Client client(options);
   EXPECT_TRUE(
       client.wait([&] { return client.state() != Client::State::connecting; }, patience));
   EXPECT_EQ(client.state(), Client::State::connected);
-  daemon.signal(SIGTERM);
-  EXPECT_EQ(next(), "STOPPING=1");
-  EXPECT_EQ(daemon.wait(), 0);
-  ::close(fd);
+  const auto modeOf = [](const std::string& path) {
+    return static_cast<U32>(std::filesystem::status(path).permissions());
+  };
+  EXPECT_EQ(modeOf(made), 0600u);
+  EXPECT_EQ(modeOf(folder), 0710u);
+  EXPECT_EQ(daemon->end(SIGTERM), 0);
+  EXPECT_EQ(manager.told(), "STOPPING=1");
 }
 
-// Catches an error without a reason or with another status than a script expects.
+// Catches an error without a reason or with another status than a script expects, a socket
+// that is taken over while somebody listens, and files that stay behind.
 TEST_F(DaemonProcesses, saysWhatIsWrongWithItsArguments) {
-  daemon.startServing(socket);
-  const std::string taken = "error: another server listens on " + socket + "\n";
-  const struct {
-    std::vector<std::string> arguments;
-    int status;
-    std::string text;
-  } rows[] = {
-      {{"--socket", socket},                                 1, taken                                         },
-      {{"--help"},                                           0, "--socket"                                    },
-      {{"--version"},                                        0, "hiveld "                                     },
-      {{"--no-such"},                                        2, "--no-such"                                   },
-      {{"extra"},                                            2, "extra"                                       },
-      {{"--mode", "999"},                                    2, "'999' is not an octal mode"                  },
-      {{"--allow", "a:b"},                                   2, "rule 'a:b': two ':' are needed"              },
-      {{"--max-connections", "0"},                           2, "0"                                           },
-      {{"--socket", dir.path("x"), "--types", "libNone.so"},
-       1,                                                       "libNone.so: cannot open"                     },
-      {{"--socket", "/proc/none/x"},                         1, "mkdir /proc/none: No such file or directory" },
-      {{"--socket", "/proc/x"},                              1, "open /proc/x.lock: No such file or directory"},
+  startServing();
+  const std::string rows = R"(
+--socket DIR/hivel.sock             | 1 | error: another server listens on DIR/hivel.sock\n
+--socket DIR/hivel.sock.lock        | 1 | bind DIR/hivel.sock.lock: it exists and is not a socket
+--socket DIR/LONG                   | 1 | at most 107
+--socket /proc/none/x               | 1 | mkdir /proc/none: No such file or directory
+--socket /proc/x                    | 1 | open /proc/x.lock: No such file or directory
+--socket DIR/x --types libNone.so   | 1 | libNone.so: cannot open
+--help                              | 0 | --socket
+--version                           | 0 | hiveld 
+--no-such                           | 2 | --no-such
+extra                               | 2 | extra
+--mode 999                          | 2 | '999' is not an octal mode
+--allow a:b                         | 2 | rule 'a:b': two ':' are needed
+--max-connections 0                 | 2 | 0
+)";
+  const auto expectSaid = [&](const std::string& command, int status,
+                              const std::string& text) {
+    SCOPED_TRACE(command);
+    const auto process = start(Support::wordsOf(command));
+    EXPECT_EQ(process->join(), status);
+    EXPECT_THAT(process->said(), testing::HasSubstr(text));
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.arguments.front());
-    forget();
-    EXPECT_EQ(run(row.arguments), row.status);
-    EXPECT_NE(said().find(row.text), std::string::npos) << said();
-  }
+  const auto spelt = [&](const std::string& text) {
+    return Support::replaced(Support::replaced(text, "LONG", std::string(200, 'x')),
+                             "DIR", dir.path());
+  };
+  for (const auto& row : Support::rowsOf(spelt(rows)))
+    expectSaid(row[0], std::stoi(row[1]), row[2]);
   EXPECT_EQ(dir.names(), (std::vector<std::string>{"hivel.sock", "hivel.sock.lock"}));
+  // Also when the other has lost its lock file.
+  ::unlink((socket + ".lock").c_str());
+  expectSaid("--socket " + socket, 1, "another server listens on " + socket);
 }
 
 // A server that dies while its clients write and read. Catches a copy that differs
 // afterwards, that keeps what was deleted meanwhile, that is emptied while nobody serves it,
 // or that is another object; and a client that gives up or has to be told.
 TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
-  daemon.startServing(socket);
+  startServing();
   Client writer(clientOptions(dir, "writer")), reader(clientOptions(dir, "reader"));
   Loop loop;
   loop.add(writer);
@@ -131,8 +125,8 @@ TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
   const Mount& out = writer.mount("a", Mode::adopt, {plot, {}, true});
   ASSERT_TRUE(loop.until([&] { return out.settled() && writer.drained(); }));
   const Mount& in = reader.mount("a", Mode::read, {nullptr, {}, false});
-  ASSERT_TRUE(loop.until([&] { return in.state() == Mount::State::live; }));
-  const auto replica = Ptr<Plot>(dynamic_cast<Plot*>(in.entity().get()));
+  ASSERT_TRUE(loop.until([&] { return isLive(in); }));
+  const Ptr<Plot> replica = plotOf(in);
   std::minstd_rand random(7);
   for (int round = 0; round < 4; ++round) {
     SCOPED_TRACE(round);
@@ -145,20 +139,18 @@ TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
         ASSERT_TRUE(loop.until([&] { return replica->bedHas(doomed); }));
       }
       if (step == 700) {
-        daemon.signal(SIGKILL);
-        daemon.wait();
+        daemon.reset();
         ASSERT_TRUE(loop.until([&] { return reader.state() == Client::State::lost; }));
         EXPECT_TRUE(replica->bedHas(doomed));
         plot->bedDel(doomed);
       }
-      if (step == 1100) daemon.startServing(socket);
+      if (step == 1100) startServing();
     }
     bool applied = false;
     writer.sync([&](bool yes) { applied = yes; });
-    ASSERT_TRUE(loop.until([&] { return applied; })) << daemon.log();
-    EXPECT_TRUE(loop.until([&] {
-      return in.state() == Mount::State::live && dump(in.entity()) == dump(plot);
-    }));
+    ASSERT_TRUE(loop.until([&] { return applied; })) << daemon->err();
+    EXPECT_TRUE(
+        loop.until([&] { return isLive(in) && dump(in.entity()) == dump(plot); }));
     EXPECT_EQ(in.entity(), replica);
     EXPECT_EQ(reader.state(), Client::State::connected);
   }

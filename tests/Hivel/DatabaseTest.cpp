@@ -1,7 +1,6 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "Harness.h"
-#include "Hivel/Database.h"
 #include "Hivel/Exception.h"
 
 namespace HivelTest {
@@ -23,20 +22,14 @@ TEST(PathGrammar, saysWhatIsWrong) {
       {std::string("a\0b", 3), "path 'a\\x00b' has a byte other than"},
       {"a/\xc3\xa4", "has a byte other than"},
       {std::string(1025, 'a'), "longer than 1024 bytes"},
-      {"a", ""}, {"tunnel/decap/config", ""}, {"A.b_c-9", ""}, {"..", ""}, {"-/_", ""},
   };
   // clang-format on
-  for (const auto& row : rows) {
-    std::string said;
-    try {
-      Hivel::checkPath(row.path);
-    } catch (const Kop::RangeException& e) {
-      said = e.what();
-    }
-    EXPECT_NE(said.find(row.message), std::string::npos) << row.path << ": " << said;
-    EXPECT_EQ(said.empty(), row.message.empty()) << row.path << ": " << said;
-  }
-  EXPECT_NO_THROW(Hivel::checkPrefix(""));
+  for (const auto& row : rows)
+    EXPECT_THAT([&] { checkPath(row.path); }, testing::ThrowsMessage<Kop::RangeException>(
+                                                  testing::HasSubstr(row.message)));
+  for (const char* path : {"a", "tunnel/decap/config", "A.b_c-9", "..", "-/_"})
+    EXPECT_NO_THROW(checkPath(path)) << path;
+  EXPECT_NO_THROW(checkPrefix(""));
 }
 
 // Catches a prefix that covers a neighbour with the same beginning, a list that stops at one
@@ -62,7 +55,7 @@ TEST(DatabaseMount, holdsOneEntityPerPathListsAndTells) {
   EXPECT_EQ(paths(""), "a a-x a/b a/b/c a/bc ab b ");
   EXPECT_EQ(paths("c"), "");
   EXPECT_EQ(db.list("b").at(0).type, "Garden::Plot");
-  EXPECT_THROW(db.mount("a/b", Shed::ShedIs("s")), Hivel::RefusedException);
+  EXPECT_THROW(db.mount("a/b", Shed::ShedIs("s")), RefusedException);
   EXPECT_THROW(db.mount("x", nullptr), Kop::RangeException);
   EXPECT_EQ(db.find("a/b"), plot);
   EXPECT_TRUE(db.unmount("a/b"));

@@ -1,20 +1,10 @@
 #include "Harness.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace HivelTest {
@@ -24,31 +14,7 @@ namespace {
 // Strings and entities pass between threads in some tests.
 const bool threadSafe = (Kop::threadSafePtrsIs(true), true);
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return address;
-}
-
 }  // namespace
-
-TempDir::TempDir() {
-  char name[] = "/tmp/hivelXXXXXX";
-  if (!::mkdtemp(name)) throw std::runtime_error("mkdtemp");
-  path_ = name;
-}
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-std::vector<std::string> TempDir::names() const {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(path_))
-    names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 void scribble(Plot& plot, std::minstd_rand& random) {
   const auto below = [&](U32 limit) { return static_cast<U32>(random() >> 8) % limit; };
@@ -70,17 +36,29 @@ void scribble(Plot& plot, std::minstd_rand& random) {
   }
 }
 
-Ptr<Plot> plotOf(Mount& mount) {
+Ptr<Plot> somePlot(const char* name) {
+  const auto plot = Plot::PlotIs(name);
+  std::minstd_rand random(3);
+  for (int i = 0; i < 300; ++i)
+    scribble(*plot, random);
+  return plot;
+}
+
+Ptr<Plot> plotOf(const Mount& mount) {
   return Ptr<Plot>(dynamic_cast<Plot*>(mount.entity().get()));
 }
 
-Hivel::ServerOptions serverOptions(const TempDir& dir) {
-  Hivel::ServerOptions options;
+bool isLive(const Mount& mount) {
+  return mount.state() == Mount::State::live;
+}
+
+ServerOptions serverOptions(const TempDir& dir) {
+  ServerOptions options;
   options.socketPath = dir.path("hivel.sock");
   return options;
 }
-Hivel::ClientOptions clientOptions(const TempDir& dir, const std::string& name) {
-  Hivel::ClientOptions options;
+ClientOptions clientOptions(const TempDir& dir, const std::string& name) {
+  ClientOptions options;
   options.socketPath = dir.path("hivel.sock");
   options.name = name;
   options.retryMin = 5ms;
@@ -109,19 +87,42 @@ bool Loop::until(const std::function<bool()>& predicate,
   }
 }
 
-Raw::Raw(const std::string& path)
+void HivelServer::serve(ServerOptions options) {
+  server = std::make_unique<Server>(database, std::move(options));
+  server->onLog = [this](bool isWarning, const std::string& line) {
+    if (isWarning) warnings.push_back(line);
+  };
+  loop.add(*server);
+}
+Client& HivelServer::client(const std::string& name) {
+  loop.add(*clients.emplace_back(std::make_unique<Client>(clientOptions(dir, name))));
+  return *clients.back();
+}
+void HivelServer::ends(Client& client) {
+  loop.remove(&client);
+  std::erase_if(clients, [&](const auto& each) { return each.get() == &client; });
+}
+std::string HivelServer::refusal(const Mount& mount) {
+  loop.until([&] { return mount.settled(); });
+  return mount.state() == Mount::State::refused ? mount.reason() : "not refused";
+}
+bool HivelServer::synced(Client& client) {
+  const auto applied = std::make_shared<std::optional<bool>>();
+  client.sync([applied](bool yes) { *applied = yes; });
+  loop.until([&] { return applied->has_value(); });
+  return applied->value();
+}
+
+Raw::Raw(const TempDir& dir, const Bytes& bytes)
     : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-  const sockaddr_un address = addressOf(path);
-  if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    throw std::runtime_error("connect");
+  const sockaddr_un address = Support::addressOf(dir.path("hivel.sock"));
+  if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
+          static_cast<ssize_t>(bytes.size()))
+    throw std::runtime_error("connect or send");
 }
 Raw::~Raw() {
   ::close(fd_);
-}
-void Raw::send(const Bytes& bytes) const {
-  if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
-      static_cast<ssize_t>(bytes.size()))
-    throw std::runtime_error("send");
 }
 bool Raw::receive() {
   for (;;) {
@@ -133,59 +134,9 @@ bool Raw::receive() {
 }
 std::string Raw::error() {
   while (const auto frame = frames_.next())
-    if (frame->front() == static_cast<U8>(Hivel::FrameKind::error))
-      return Hivel::decode<Hivel::Frame::Error>(*frame).reason;
+    if (frame->front() == static_cast<U8>(FrameKind::error))
+      return decode<Frame::Error>(*frame).reason;
   return {};
-}
-
-Daemon::~Daemon() {
-  if (pid_ < 0) return;
-  ::kill(pid_, SIGKILL);
-  wait();
-}
-void Daemon::start(const std::vector<std::string>& arguments) {
-  std::vector<std::string> words{HOUSE_BIN_DIR "/hiveld"};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    const int fd = ::open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(fd, STDOUT_FILENO);
-    ::dup2(fd, STDERR_FILENO);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-}
-void Daemon::startServing(const std::string& socket) {
-  start({"--socket", socket, "--types", HIVEL_TEST_TYPES});
-  const sockaddr_un address = addressOf(socket);
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (std::chrono::steady_clock::now() < end) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answers =
-        ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    if (answers) return;
-    std::this_thread::sleep_for(5ms);
-  }
-  throw std::runtime_error("hiveld does not answer:\n" + log());
-}
-void Daemon::signal(int signal) const {
-  ::kill(pid_, signal);
-}
-int Daemon::wait() {
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-std::string Daemon::log() const {
-  std::ostringstream text;
-  text << std::ifstream(log_).rdbuf();
-  return text.str();
 }
 
 }  // namespace HivelTest

@@ -3,47 +3,31 @@
 #include <chrono>
 #include <deque>
 #include <functional>
-#include <optional>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <sys/types.h>
 
 #include "Hivel/Client.h"
 #include "Hivel/Protocol.h"
 #include "Hivel/Server.h"
 #include "TestTypes.h"
 #include "tests/Kop/EntityDump.h"
+#include "tests/Support/Process.h"
 
-// Servers, clients and daemons over real sockets in a directory of their own.
+// Servers and clients over real sockets in a directory of their own.
 
 namespace HivelTest {
 
 using namespace std::chrono_literals;
+using namespace Hivel;
 using Bytes = std::vector<U8>;
 using Garden::Plot;
 using Garden::Shed;
-using Hivel::Client;
-using Hivel::Database;
-using Hivel::Mode;
-using Hivel::Mount;
-using Hivel::Server;
 using Kop::Ptr;
+using Support::TempDir;
 
 constexpr auto patience = 20s;
-
-// A directory that goes with all it holds.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  std::string path(const std::string& name) const { return path_ + "/" + name; }
-  std::vector<std::string> names() const;
-
- private:
-  std::string path_;
-};
 
 // Nothing, when there is no entity.
 template <class T>
@@ -53,10 +37,12 @@ EntityDump dump(const Ptr<T>& entity) {
 
 // One random write among few keys, so that keys are deleted and come back.
 void scribble(Plot& plot, std::minstd_rand& random);
-Ptr<Plot> plotOf(Mount& mount);
+Ptr<Plot> somePlot(const char* name = "p");
+Ptr<Plot> plotOf(const Mount& mount);
+bool isLive(const Mount& mount);
 
-Hivel::ServerOptions serverOptions(const TempDir& dir);
-Hivel::ClientOptions clientOptions(const TempDir& dir, const std::string& name = "test");
+ServerOptions serverOptions(const TempDir& dir);
+ClientOptions clientOptions(const TempDir& dir, const std::string& name = "test");
 
 // Whatever has a descriptor and something to do.
 class Loop {
@@ -85,20 +71,50 @@ class Loop {
   std::deque<Party> parties_;
 };
 
+// A server in this process, with what it logged, and clients under its loop.
+class HivelServer : public testing::Test {
+ protected:
+  void serve(ServerOptions options);
+  void serve() { serve(serverOptions(dir)); }
+  Client& client(const std::string& name = "test");
+  void ends(Client& client);
+  static MountOptions all(const Ptr<Plot>& plot) { return {plot, {}, true}; }
+  bool live(const Mount& mount) {
+    return loop.until([&] { return mount.settled(); }) && isLive(mount);
+  }
+  std::string refusal(const Mount& mount);
+  template <class A, class B>
+  bool same(const A& a, const B& b) {
+    return loop.until([&] { return dump(a) == dump(b); });
+  }
+  bool follows(const Mount& mount, const Ptr<Plot>& plot) {
+    return loop.until(
+        [&] { return isLive(mount) && dump(mount.entity()) == dump(plot); });
+  }
+  bool synced(Client& client);  // whether the server has applied all that was written
+
+  TempDir dir;
+  std::vector<std::string> warnings;  // the server's end may add to them
+  Database database;
+  Loop loop;
+  std::unique_ptr<Server> server;
+  std::vector<std::unique_ptr<Client>> clients;
+};
+
+template <class Message>
+Bytes frameOf(const Message& message) {
+  Kop::NboAttrLog::Out out;
+  encode(out, message);
+  return Bytes(out.data(), out.data() + out.size());
+}
+
 // A connection that sends whatever a test likes.
 class Raw {
  public:
-  explicit Raw(const std::string& path);
+  explicit Raw(const TempDir& dir, const Bytes& bytes = {});
   ~Raw();
   Raw(const Raw&) = delete;
   Raw& operator=(const Raw&) = delete;
-  void send(const Bytes& bytes) const;
-  template <class Message>
-  void say(const Message& message) const {
-    Kop::NboAttrLog::Out out;
-    Hivel::encode(out, message);
-    send(Bytes(out.data(), out.data() + out.size()));
-  }
   // What has come until now; whether the other side has closed.
   bool receive();
   auto next() { return frames_.next(); }  // a frame without its length
@@ -107,23 +123,7 @@ class Raw {
 
  private:
   int fd_;
-  Hivel::FrameReader frames_{1 << 24};
-};
-
-// A process of hiveld.
-class Daemon {
- public:
-  explicit Daemon(const std::string& log) : log_(log) {}
-  ~Daemon();
-  void start(const std::vector<std::string>& arguments);
-  void startServing(const std::string& socket);  // and waits until it answers
-  void signal(int signal) const;
-  int wait();  // exit status, or minus the signal that ended it
-  std::string log() const;
-
- private:
-  std::string log_;
-  pid_t pid_ = -1;
+  FrameReader frames_{1 << 24};
 };
 
 }  // namespace HivelTest

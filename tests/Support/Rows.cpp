@@ -10,9 +10,7 @@ std::string cell(std::string text) {
   const auto begin = text.find_first_not_of(' ');
   if (begin == text.npos) return {};
   text = text.substr(begin, text.find_last_not_of(' ') - begin + 1);
-  for (auto at = text.find("\\n"); at != text.npos; at = text.find("\\n", at))
-    text.replace(at, 2, "\n");
-  return text;
+  return replaced(std::move(text), "\\n", "\n");
 }
 
 }  // namespace
@@ -30,6 +28,12 @@ std::vector<std::vector<std::string>> rowsOf(const std::string& text) {
     }
   }
   return rows;
+}
+
+std::string replaced(std::string text, std::string_view word, std::string_view by) {
+  for (auto at = text.find(word); at != text.npos; at = text.find(word, at + by.size()))
+    text.replace(at, word.size(), by);
+  return text;
 }
 
 std::vector<std::string> wordsOf(const std::string& text) {

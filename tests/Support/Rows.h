@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Tables of cases that are texts: one line a case, columns between bars.
@@ -13,5 +14,8 @@ std::vector<std::vector<std::string>> rowsOf(const std::string& text);
 
 // At blanks; what is between ' is one word.
 std::vector<std::string> wordsOf(const std::string& text);
+
+// With each `word` made `by`.
+std::string replaced(std::string text, std::string_view word, std::string_view by);
 
 }  // namespace Support
