@@ -330,6 +330,19 @@ TEST(AttrLogCorrupt, childrenNeedAnIdentityOfTheirOwn) {
   for (const U64 identity : {tree->branch("b0")->identity(), root, U64{0}})
     for (const char* key : {"00000001 7a", "00000002 6232"})  // a new one, b2
       EXPECT_FALSE(victim.takes(frame(25, root, 262, key + hex64(identity)))) << identity;
+
+  // A child that both sides made goes by the other side's identity, and its own is forgotten.
+  Stream stream;
+  Session session(stream, tree, Session::both, 1);
+  session.process();
+  const U64 own = tree->branchIs("b9")->identity();
+  stream.received(frame(1, own, 258, "00000000"));
+  stream.received(frame(25, 1, 262, "00000002 6239" + hex64(77)));
+  stream.received(frame(1, 77, 258, "00000000"));
+  tree->branchDel("b9");
+  for (const U64 identity : {own, U64{77}})
+    EXPECT_THROW(stream.received(frame(1, identity, 258, "00000000")),
+                 Kop::LogCorruptException);
 }
 
 // Catches memory taken on a peer's word.
