@@ -1,17 +1,16 @@
 #include <gtest/gtest.h>
 
 #include "apps/tunnelctl/Configuration.h"
+#include "tests/Support/Rows.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {
 namespace {
 
-constexpr const char* configInputHead =
-    "{\n\"path\": \"a/b\",\n\"type\": \"Tunnel::Decap::ConfigInput\",\n";
-
-// A document whose fourth line is the given one.
-std::string document(const std::string& line) {
-  return configInputHead + line + "}";
+// A configuration of which only the members are given, from its fourth line on.
+std::string document(const std::string& members) {
+  return "{\n\"path\": \"a/b\",\n\"type\": \"Tunnel::Decap::ConfigInput\",\n" + members +
+         "}";
 }
 
 std::string errorOf(const std::string& text) {
@@ -23,116 +22,68 @@ std::string errorOf(const std::string& text) {
   }
 }
 
-// Catches a mistake that is taken, or told of another line or member.
+// Catches a mistake that is taken, or told of another line or member. What begins with D are
+// members, with G those of one group, from the fifth line on; all others is a whole file.
 TEST(ConfigurationErrors, nameFileLineMemberAndReason) {
-  const auto group = [](const std::string& members) {
-    return document("\"decapGroup\": {\"red\": {\n" + members + "}}");
-  };
-  const struct {
-    std::string text;
-    const char* error;
-  } rows[] = {
-  // JSON itself
-      {"",                      "f.json:1: not JSON: "                                 },
-      {"[\n\n{\"path\" 5}]",    "f.json:3: path: not JSON: "                           },
-      {"[\n{}\n",               "f.json:"                                              },
-      {"[]\n[]",                "f.json:2: not JSON: "                                 },
-      {std::string("[]\n\0x",   5),                                                      "f.json:2: not JSON: a NUL byte"},
-      {"[\"\xff\"]",                       "f.json:1: not JSON: "                                                                  },
-      {"[" + std::string(100000,                       '['),"f.json:1: "},
-      {std::string(200,           '[') + std::string(200,                                                                              ']'), "f.json:1: "},
-      {document("\"decapGroup\": {},\n\"decapGroup\": {}"),
-       "f.json:5: decapGroup: this name stands twice"},
-      {document("\"decapGroup\": {\"red\": {\"dynamic\": true,\n\"dynamic\": true}}"),
-       "f.json:5: decapGroup.red.dynamic: this name stands twice"                           },
- // the path
-      {"5",                       "f.json:1: found 5, expected an object with path and type"                                    },
-      {"[\n{}]",                       "f.json:2: path: is missing"                                                },
-      {"{\"path\": \"\"}",                       "f.json:1: path: found \"\", expected a string"                                  },
-      {"{\"path\": \"a\"}",                       "f.json:1: type: is missing"            },
-      {"{\"path\": \"a//b\",\n\"type\": \"x\"}",                       "f.json:1: path: "                         },
-      {"{\"path\": \"a\",\n\"type\": \"x\"}",
-       "f.json:2: type: found \"x\", expected an entity type"                          },
-      {"{\"path\": \"a\",\n\"type\": \"Tunnel::Decap::DecapIntf\"}",
-       "f.json:2: type: found "                },
-      {document("\"name\": 5"),                       "f.json:4: name: found 5, expected a string"},
-      {document("\"delete\": 1"),                       "f.json:4: delete: found 1, expected true or false"                                       },
-      {document("\"delete\": true,\n\"decapGroup\": {}"),
-       "f.json:5: decapGroup: a path that is deleted has no members"                                                             },
-      {"[{\"path\": \"a\", \"delete\": true},\n{\"path\": \"a\", \"delete\": true}]",
-       "f.json:2: path: a stands already on line 1"},
- // members
-      {document("\"frob\": 5"),
-       "f.json:4: frob: Tunnel::Decap::ConfigInput has no such member; it has "
-       "globalDestPortToPayloadType, decapGroup"},
-      {document("\"decapGroup\": 5"),
-       "f.json:4: decapGroup: found 5, expected an object by key"                                                                 },
-      {document("\"decapGroup\": {\"red\": 5}"),
-       "f.json:4: decapGroup.red: found 5, expected an object"                                                                                                             },
-      {document("\"decapGroup\": {\"red\":\n{\"path\": \"a\"}}"),
-       "f.json:5: decapGroup.red.path: "},
-      {group("\"destinationPort\": 65536"),
-       "f.json:5: decapGroup.red.destinationPort: found 65536, expected a number from 0 "
-       "to 65535"},
-      {group("\"destinationPort\": -1"),
-       "f.json:5: decapGroup.red.destinationPort: found -1"                                                                      },
-      {group("\"destinationPort\": 1.5"),
-       "f.json:5: decapGroup.red.destinationPort: found 1.5"                                                                                                                                      },
-      {group("\"destinationPort\": 1e3"),
-       "f.json:5: decapGroup.red.destinationPort: found 1e3"},
-      {group("\"destinationPort\": \"80\""),
-       "f.json:5: decapGroup.red.destinationPort: found \"80\""},
-      {group("\"destinationPort\": null"),
-       "f.json:5: decapGroup.red.destinationPort: found null"                                                                   },
-      {group("\"dynamic\": 1"),
-       "f.json:5: decapGroup.red.dynamic: found 1, expected true or false"                                                                                                                                     },
-      {group("\"dynamic\": \"True\""),
-       "f.json:5: decapGroup.red.dynamic: found \"True\""},
-      {group("\"tunnelType\": \"frob\""),
-       "f.json:5: decapGroup.red.tunnelType: found \"frob\", expected one of unknown, "
-       "gre, ipip, udp"},
-      {group("\"tunnelType\": 77"),                       "f.json:5: decapGroup.red.tunnelType: found 77"                                                         },
-      {group("\"tunnelType\": \"gre \""),
-       "f.json:5: decapGroup.red.tunnelType: found \"gre \""                                                                                                                                        },
- // collections
-      {group("\"decapIp\": [\"10.0.0.1\",\n\"10.0.0.256\"]"),
-       "f.json:6: decapGroup.red.decapIp[1]: found \"10.0.0.256\""},
-      {group("\"decapIp\": [\"10.0.0.1\",\n\"10.0.0.1\"]"),
-       "f.json:6: decapGroup.red.decapIp[1]: this key stands twice"},
-      {group("\"decapIp\": {\"::1\": true,\n\"0::1\": true}"),
-       "f.json:6: decapGroup.red.decapIp.0::1: this key stands twice"                                       },
-      {group("\"decapIp\": {\"10.0.0.1\": 5}"),
-       "f.json:5: decapGroup.red.decapIp.10.0.0.1: found 5"                                                                                                                                       },
-      {group("\"decapIp\": \"10.0.0.1\""),
-       "f.json:5: decapGroup.red.decapIp: found \"10.0.0.1\""},
-      {document("\"globalDestPortToPayloadType\": {\"x\": \"mpls\"}"),
-       "f.json:4: globalDestPortToPayloadType.x: found \"x\", expected a number from 0 "
-       "to 65535"},
-      {document("\"globalDestPortToPayloadType\": {\"65536\": \"mpls\"}"),
-       "f.json:4: globalDestPortToPayloadType.65536: "                },
-      {document("\"globalDestPortToPayloadType\": [5]"),
-       "f.json:4: globalDestPortToPayloadType[0]: found 5, expected {\"key\": .., "
-       "\"value\": ..}"                                                                                                       },
-      {document("\"globalDestPortToPayloadType\": [{\"key\": 5}]"),
-       "f.json:4: globalDestPortToPayloadType[0]: the member value is missing"              },
-      {document("\"globalDestPortToPayloadType\": [{\"key\": 5, \"value\": \"mpls\", "
-                "\"x\": 1}]"),
-       "f.json:4: globalDestPortToPayloadType[0].x: no such member; an entry has key and "
-       "value"},
-      {group("\"decapIntf\": [{\"key\": {\"intfId\": \"Vlan99999999999\"}, \"value\": "
-             "{}}]"),
-       "f.json:5: decapGroup.red.decapIntf[0].key.intfId: found \"Vlan99999999999\""                                   },
-      {group("\"decapIntf\": [{\"key\": {}, \"value\": {\"frob\": 1}}]"),
-       "f.json:5: decapGroup.red.decapIntf[0].value.frob: Tunnel::Decap::DecapIntf has "
-       "no such member"                                                                                                                                              },
-      {group("\"decapExcludeIntfSet\": [{\"key\": {}, \"value\": {\"excludeIntf\": "
-             "[\"Vlan1\",\n5]}}]"),
-       "f.json:6: decapGroup.red.decapExcludeIntfSet[0].value.excludeIntf[1]: found 5"},
-  };
+  auto rows = Support::rowsOf(R"(
+[\n\n{"path" 5}]                                 | 3: path: not JSON:
+[]\n[]                                           | 2: not JSON:
+D "decapGroup": {},\n"decapGroup": {}            | 5: decapGroup: this name stands twice
+D "decapGroup": {"red": {"dynamic": true,\n"dynamic": true}} | 5: decapGroup.red.dynamic: this name stands twice
+5                                                | 1: found 5, expected an object with path and type
+[\n{}]                                           | 2: path: is missing
+{"path": ""}                                     | 1: path: found "", expected a string
+{"path": "a"}                                    | 1: type: is missing
+{"path": "a//b",\n"type": "x"}                   | 1: path:
+{"path": "a",\n"type": "x"}                      | 2: type: found "x", expected an entity type
+{"path": "a",\n"type": "Tunnel::Decap::DecapIntf"} | 2: type: found
+D "name": 5                                      | 4: name: found 5, expected a string
+D "delete": 1                                    | 4: delete: found 1, expected true or false
+D "delete": true,\n"decapGroup": {}              | 5: decapGroup: a path that is deleted has no members
+[{"path": "a", "delete": true},\n{"path": "a", "delete": true}] | 2: path: a stands already on line 1
+D "frob": 5                                      | 4: frob: Tunnel::Decap::ConfigInput has no such member; it has globalDestPortToPayloadType, decapGroup
+D "decapGroup": 5                                | 4: decapGroup: found 5, expected an object by key
+D "decapGroup": {"red": 5}                       | 4: decapGroup.red: found 5, expected an object
+D "decapGroup": {"red":\n{"path": "a"}}          | 5: decapGroup.red.path:
+G "destinationPort": 65536                       | 5: decapGroup.red.destinationPort: found 65536, expected a number from 0 to 65535
+G "destinationPort": -1                          | 5: decapGroup.red.destinationPort: found -1
+G "destinationPort": 1.5                         | 5: decapGroup.red.destinationPort: found 1.5
+G "destinationPort": 1e3                         | 5: decapGroup.red.destinationPort: found 1e3
+G "destinationPort": "80"                        | 5: decapGroup.red.destinationPort: found "80"
+G "destinationPort": null                        | 5: decapGroup.red.destinationPort: found null
+G "dynamic": 1                                   | 5: decapGroup.red.dynamic: found 1, expected true or false
+G "dynamic": "True"                              | 5: decapGroup.red.dynamic: found "True"
+G "tunnelType": "frob"                           | 5: decapGroup.red.tunnelType: found "frob", expected one of unknown, gre, ipip, udp
+G "tunnelType": 77                               | 5: decapGroup.red.tunnelType: found 77
+G "tunnelType": "gre "                           | 5: decapGroup.red.tunnelType: found "gre "
+G "decapIp": ["10.0.0.1",\n"10.0.0.256"]         | 6: decapGroup.red.decapIp[1]: found "10.0.0.256"
+G "decapIp": ["10.0.0.1",\n"10.0.0.1"]           | 6: decapGroup.red.decapIp[1]: this key stands twice
+G "decapIp": {"::1": true,\n"0::1": true}        | 6: decapGroup.red.decapIp.0::1: this key stands twice
+G "decapIp": {"10.0.0.1": 5}                     | 5: decapGroup.red.decapIp.10.0.0.1: found 5
+G "decapIp": "10.0.0.1"                          | 5: decapGroup.red.decapIp: found "10.0.0.1"
+D "globalDestPortToPayloadType": {"x": "mpls"}   | 4: globalDestPortToPayloadType.x: found "x", expected a number from 0 to 65535
+D "globalDestPortToPayloadType": {"65536": "mpls"} | 4: globalDestPortToPayloadType.65536:
+D "globalDestPortToPayloadType": [5]             | 4: globalDestPortToPayloadType[0]: found 5, expected {"key": .., "value": ..}
+D "globalDestPortToPayloadType": [{"key": 5}]    | 4: globalDestPortToPayloadType[0]: the member value is missing
+D "globalDestPortToPayloadType": [{"key": 5, "value": "mpls", "x": 1}] | 4: globalDestPortToPayloadType[0].x: no such member; an entry has key and value
+G "decapIntf": [{"key": {"intfId": "Vlan99999999999"}, "value": {}}] | 5: decapGroup.red.decapIntf[0].key.intfId: found "Vlan99999999999"
+G "decapIntf": [{"key": {}, "value": {"frob": 1}}] | 5: decapGroup.red.decapIntf[0].value.frob: Tunnel::Decap::DecapIntf has no such member
+G "decapExcludeIntfSet": [{"key": {}, "value": {"excludeIntf": ["Vlan1",\n5]}}] | 6: decapGroup.red.decapExcludeIntfSet[0].value.excludeIntf[1]: found 5
+)");
+  rows.push_back({"", "1: not JSON: "});
+  rows.push_back({std::string("[]\n\0x", 5), "2: not JSON: a NUL byte"});
+  rows.push_back({"[\"\xff\"]", "1: not JSON: "});
+  rows.push_back({"[" + std::string(100000, '['), "1: "});
+  rows.push_back({std::string(200, '[') + std::string(200, ']'), "1: "});
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.text.substr(0, 300));
-    const std::string error = errorOf(row.text);
-    EXPECT_TRUE(error.starts_with(row.error)) << error << "\nwanted " << row.error;
+    SCOPED_TRACE(row[0].substr(0, 300));
+    const bool isGroup = row[0].starts_with("G "), isDocument = row[0].starts_with("D ");
+    const std::string members = row[0].substr(isGroup || isDocument ? 2 : 0);
+    const std::string error =
+        errorOf(isGroup      ? document("\"decapGroup\": {\"red\": {\n" + members + "}}")
+                : isDocument ? document(members)
+                             : members);
+    EXPECT_TRUE(error.starts_with("f.json:" + row[1])) << error << "\nwanted " << row[1];
     EXPECT_EQ(error.find('\n'), error.npos);
   }
   EXPECT_EQ(errorOf("[]"), "");

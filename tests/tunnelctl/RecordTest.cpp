@@ -9,54 +9,29 @@ namespace {
 
 using namespace Tunnel::TunnelTable;
 
-Vantor::IpGenAddr randomAddress(Random& random) {
-  U8 bytes[16];
-  for (U8& byte : bytes)
-    byte = static_cast<U8>(random.number());
-  switch (random.below(3)) {
-    case 0: return {};
-    case 1: return Vantor::IpGenAddr::fromIpv4(static_cast<U32>(random.number()));
-    default: return Vantor::IpGenAddr::fromIpv6(bytes);
-  }
-}
-TunnelId randomTunnel(Random& random) {
-  return TunnelId(TunnelId::convertToTunnelValue(
-      static_cast<TunnelType>(random.below(23)),
-      random.number() & TunnelIdConstants::tunnelIndexMask));
-}
-
 // Catches a table of fields that is not the form that the type writes, a field whose place or
 // width is told wrong, and a cut that is not noticed.
 TEST(Record, fieldsAreThoseOfTheType) {
   Random random(11);
   for (int round = 0; round < 300; ++round) {
     SCOPED_TRACE(round);
-    const auto number = [&] { return static_cast<U32>(random.number()); };
-    TunnelTableEntry entry(randomTunnel(random),
-                           TunnelEntryPref(static_cast<U8>(number())));
-    entry.nexthopTunnelIdIs(randomTunnel(random));
-    entry.entryMetricIs(number());
-    entry.tunnelBwIs(TunnelBandwidth(static_cast<float>(random.below(1000)) / 8));
-    const U64 endpoints = random.below(17), name = random.below(129);
+    auto entry = Samples::sample<TunnelTableEntry>(random);
+    entry.nexthopTunnelIdIs(Samples::sample<TunnelTableEntry>(random).tunnelId());
+    const std::string name(random.below(129), static_cast<char>('a' + random.below(26)));
+    entry.setName(Kop::String(name));
     std::vector<std::pair<std::string, std::string>> expected{
         {"tunnelId",        std::to_string(entry.tunnelId().value())           },
         {"nexthopTunnelId", std::to_string(entry.nexthopTunnelId().value())    },
         {"entryPref",       std::to_string(entry.entryPref().value())          },
         {"entryMetric",     std::to_string(entry.entryMetric())                },
         {"tunnelBw",        std::string(Kop::strepOf(entry.tunnelBw().value()))},
-        {"endpoint count",  std::to_string(endpoints)                          },
+        {"endpoint count",  std::to_string(entry.endpoint().count())           },
     };
-    for (U64 i = 0; i < endpoints; ++i) {
-      const Vantor::IpGenAddr address = randomAddress(random);
-      const Vantor::IpGenPrefix prefix(
-          address, static_cast<U32>(random.below(address.bitCount() + 1)));
-      entry.endpointIs(TepIndex(static_cast<U8>(i)), prefix);
-      expected.emplace_back("endpoint[" + std::to_string(i) + "]", prefix.stringValue());
-    }
-    expected.emplace_back("name count", std::to_string(name));
-    entry.setName(
-        Kop::String(std::string(name, static_cast<char>('a' + random.below(26)))));
-    if (name > 0) expected.emplace_back("name", entry.getName());
+    for (U8 i = 0; i < entry.endpoint().count(); ++i)
+      expected.emplace_back("endpoint[" + std::to_string(i) + "]",
+                            entry.endpoint(TepIndex(i)).stringValue());
+    expected.emplace_back("name count", std::to_string(name.size()));
+    if (!name.empty()) expected.emplace_back("name", name);
     std::vector<U8> bytes(entry.serializeLen());
     entry.serialize(bytes.data());
 

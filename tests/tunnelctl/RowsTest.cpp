@@ -13,27 +13,6 @@ namespace {
 using namespace Tunnel::TunnelTable;
 using testing::HasSubstr;
 
-// Few values of each field, so that rows often differ in the last ones only.
-TunnelTableEntry randomRow(Random& random, bool sound) {
-  static constexpr TunnelType types[] = {ldpTunnel, srTunnel, staticTunnel,
-                                         isisFlexAlgoTunnel};
-  const U64 odd = (U64{23} + random.below(8)) << TunnelIdConstants::tunnelTypePos;
-  TunnelTableEntry row(sound || random.below(4) > 0
-                           ? TunnelId(TunnelId::convertToTunnelValue(random.oneOf(types),
-                                                                     1 + random.below(3)))
-                           : TunnelId(odd | random.below(3)),
-                       TunnelEntryPref(static_cast<U8>(random.below(2))));
-  row.entryMetricIs(static_cast<U32>(random.below(2)));
-  row.tunnelBwIs(TunnelBandwidth(sound || random.below(4) > 0
-                                     ? static_cast<float>(random.below(2))
-                                     : std::numeric_limits<float>::quiet_NaN()));
-  if (random.coin())
-    row.tepIs(Vantor::IpGenPrefix(
-        Vantor::IpGenAddr::fromIpv4(static_cast<U32>(random.below(2))), 32));
-  row.setName(random.coin() ? "a" : "b");
-  return row;
-}
-
 // Catches an order that is not that of the entries, a limit that gives others than the best,
 // and rows of no kind or without a number for bandwidth that end the process or disappear.
 TEST(RowSet, standsInTheOrderOfEntries) {
@@ -42,11 +21,15 @@ TEST(RowSet, standsInTheOrderOfEntries) {
   for (int round = 0; round < 200; ++round) {
     SCOPED_TRACE("round " + std::to_string(round) + " seed " + std::to_string(seed));
     const bool sound = round % 2 == 0;
-    std::vector<TunnelTableEntry> rows;
+    auto rows = Samples::alike<TunnelTableEntry>(random, 1 + random() % 60);
     RowSet set;
-    for (U64 i = random.below(60); i > 0; --i) {
-      rows.push_back(randomRow(random, sound));
-      set.add(i, rows.back());
+    for (TunnelTableEntry& row : rows) {
+      const U64 odd = (U64{23} + random.below(8)) << TunnelIdConstants::tunnelTypePos;
+      if (!sound && random.below(4) == 0)
+        row = TunnelTableEntry(TunnelId(odd | random.below(3)), row.entryPref());
+      if (!sound && random.below(4) == 0)
+        row.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
+      set.add(set.count(), row);
     }
     const std::size_t limit = random.below(rows.size() + 1);
     RowSet best = set;

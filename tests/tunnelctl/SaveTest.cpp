@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 
-#include "Hivel/Client.h"
 #include "Hivel/Server.h"
 #include "apps/tunnelctl/Json.h"
+#include "tests/Support/Rows.h"
 #include "tests/tunnelctl/Processes.h"
 #include "tests/tunnelctl/RandomValues.h"
 
@@ -21,12 +21,9 @@ class SaveProcesses : public CtlProcesses {
  protected:
   // Makes the database hold one random entity of each type, and nothing else of a path.
   void fill(Random& random) {
-    Hivel::ClientOptions options;
-    options.socketPath = socket_;
-    Hivel::Client writer(options);
+    Hivel::Client writer(clientOptions());
     eachEntityType([&](const Kop::TypeRecord& type) {
-      std::string path = "t/" + std::string(type.name);
-      std::replace(path.begin(), path.end(), ':', '.');
+      const std::string path = "t/" + Support::replaced(std::string(type.name), ":", ".");
       Hivel::MountOptions mount;
       mount.entity = type.entity->make(random.coin() ? "a name\xff" : "");
       random.fill(*mount.entity);
@@ -94,35 +91,26 @@ TEST_F(SaveProcesses, savesWhatIsConfiguration) {
   EXPECT_THAT(whole, Not(HasSubstr(capability)));
   for (const Json& path : parseJson(contents(router)).items)
     EXPECT_THAT(whole, HasSubstr("\"path\": \"" + path.find("path")->text + "\""));
-  const struct {
-    std::vector<std::string> arguments;
-    std::vector<std::string> paths;  // empty: refused
-    const char* error;
-  } rows[] = {
-      {{"-", "tunnel/info/gre", "/tunnel/mpls/"},
-       {"tunnel/info/gre", "tunnel/mpls/config"},
-       ""                                                                                                            },
-      {{"-", "tunnel/mpls", "--also", "tunnel/decap/hardware"},
-       {capability, "tunnel/mpls/config"},
-       ""                                                                                                            },
-      {{"--all", "-", "tunnel/decap/hardware"},                 {capability}, ""                                     },
-      {{"-", "tunnel/decap/hardware"},
-       {},
-       "'tunnel/decap/hardware': holds no configuration"                                                             },
-      {{"-", "tunnel/mpls", "frob"},                            {},           "PATH 'frob': nothing is mounted there"},
-      {{"--also", "frob"},                                      {},           "PATH 'frob': nothing is mounted there"},
-  };
+  const auto rows = Support::rowsOf(R"(
+- tunnel/info/gre /tunnel/mpls/               | 0 | tunnel/info/gre tunnel/mpls/config
+- tunnel/mpls --also tunnel/decap/hardware    | 0 | tunnel/decap/hardware/capability tunnel/mpls/config
+--all - tunnel/decap/hardware                 | 0 | tunnel/decap/hardware/capability
+- tunnel/decap/hardware                       | 1 | 'tunnel/decap/hardware': holds no configuration
+- tunnel/mpls frob                            | 1 | PATH 'frob': nothing is mounted there
+--also frob                                   | 1 | PATH 'frob': nothing is mounted there
+)");
   for (const auto& row : rows) {
-    std::vector<std::string> arguments = row.arguments, paths;
-    arguments.insert(arguments.begin(), "save");
-    const Result result = ctl(arguments);
-    SCOPED_TRACE(result.err);
-    EXPECT_EQ(result.status, row.paths.empty() ? 1 : 0);
-    EXPECT_THAT(result.err, HasSubstr(row.error));
-    if (result.status == 0)
-      for (const Json& path : parseJson(result.out).items)
-        paths.push_back(path.find("path")->text);
-    EXPECT_EQ(paths, row.paths);
+    SCOPED_TRACE(row[0]);
+    const Result result = ctl(Support::wordsOf("save " + row[0]));
+    EXPECT_EQ(result.status, std::stoi(row[1]));
+    if (result.status != 0) {
+      EXPECT_THAT(result.err, HasSubstr(row[2]));
+      continue;
+    }
+    std::string paths;
+    for (const Json& path : parseJson(result.out).items)
+      paths += (paths.empty() ? "" : " ") + path.find("path")->text;
+    EXPECT_EQ(paths, row[2]);
   }
 }
 
@@ -138,27 +126,26 @@ TEST_F(SaveProcesses, aFileIsReplacedAsAWholeOrNotAtAll) {
     return std::distance(std::filesystem::directory_iterator(folder), {});
   };
   const auto shell = [&](const std::string& command) {
-    Process process({"/bin/sh", "-c", command}, directory_ + "/shell");
+    Process process(
+        {"/bin/sh", "-c",
+         Support::replaced(command, "CTL", HOUSE_BIN_DIR "/tunnelctl -s " + socket_)},
+        directory_ + "/shell");
     const int status = process.join();
     return Result{status, process.out(), process.err()};
   };
-  const std::string save = "exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " save ";
-  const struct {
-    std::string command;
-    const char* error;
-  } rows[] = {
-      {"ulimit -f 1; " + save + name,          "cannot be written, write: File too large"},
-      {save + "/dev/full",                     "cannot be written, write: No space left" },
-      {save + " >/dev/full",                   "standard output cannot be written"       },
-      {save + folder,                          "cannot be written, open: Is a directory" },
-      {save + name + "/x",                     "Not a directory"                         },
-      {save + directory_ + "/none/saved.json", "No such file or directory"               },
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.command);
-    const Result result = shell(row.command);
+  const std::string rows = R"(
+ulimit -f 1; exec CTL save DIR/folder/saved.json | cannot be written, write: File too large
+exec CTL save /dev/full                          | cannot be written, write: No space left
+exec CTL save >/dev/full                         | standard output cannot be written
+exec CTL save DIR/folder                         | cannot be written, open: Is a directory
+exec CTL save DIR/folder/saved.json/x            | Not a directory
+exec CTL save DIR/none/saved.json                | No such file or directory
+)";
+  for (const auto& row : Support::rowsOf(Support::replaced(rows, "DIR", directory_))) {
+    SCOPED_TRACE(row[0]);
+    const Result result = shell(row[0]);
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr(row.error));
+    EXPECT_THAT(result.err, HasSubstr(row[1]));
     EXPECT_EQ(contents(name), "old");
     EXPECT_EQ(files(), 2);
   }
@@ -169,11 +156,9 @@ TEST_F(SaveProcesses, aFileIsReplacedAsAWholeOrNotAtAll) {
   EXPECT_EQ(files(), 2);
 
   // What comes from a pipe is compared as well; what cannot be is no difference.
-  EXPECT_EQ(
-      shell("exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " diff - <" + name).status,
-      0);
-  EXPECT_EQ(shell("exec " HOUSE_BIN_DIR "/tunnelctl -s " + socket_ + " diff " +
-                  HOUSE_SOURCE_DIR "/examples/edge-router-change.json >/dev/full")
+  EXPECT_EQ(shell("exec CTL diff - <" + name).status, 0);
+  EXPECT_EQ(shell("exec CTL diff " HOUSE_SOURCE_DIR
+                  "/examples/edge-router-change.json >/dev/full")
                 .status,
             2);
   EXPECT_EQ(ctl({"diff", "/does/not/exist"}).status, 2);
@@ -184,13 +169,10 @@ TEST_F(SaveProcesses, aFileIsReplacedAsAWholeOrNotAtAll) {
 // Catches a file that is applied by halves because its author pressed Ctrl-C.
 TEST_F(SaveProcesses, aSignalWaitsForTheEndOfApply) {
   constexpr U32 count = 20000;
-  std::string entries;
+  std::string text = R"({"path": "a", "type": "Tunnel::Static::Config", "entry": [)";
   for (U32 i = 0; i < count; ++i)
-    entries += (i ? ",{" : "{") + ("\"name\": \"t" + std::to_string(i) + "\"}");
-  const std::string all = file("all.json",
-                               "{\"path\": \"a\", \"type\": \"Tunnel::Static::Config\", "
-                               "\"entry\": [" +
-                                   entries + "]}");
+    text += (i ? ",{\"name\": \"t" : "{\"name\": \"t") + std::to_string(i) + "\"}";
+  const std::string all = file("all.json", text + "]}");
   // A server that rests while the command has more to say than the socket takes.
   Hivel::Database database;
   Hivel::ServerOptions options;
