@@ -2,6 +2,7 @@
 #include <locale>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include <gmock/gmock.h>
 
@@ -44,14 +45,12 @@ struct Type {
 };
 using Member = Kop::MemberRecord;
 
-void* at(GenericValue& value, const Member& member) {
-  return const_cast<void*>(member.ops->at(value.get()));
-}
 GenericValue get(const GenericValue& value, const Member& member) {
   return GenericValue(member.ops->type, member.ops->at(value.get()));
 }
 void copyMember(GenericValue& to, const GenericValue& from, const Member& member) {
-  member.ops->type->assign(at(to, member), member.ops->at(from.get()));
+  member.ops->type->assign(const_cast<void*>(member.ops->at(to.get())),
+                           member.ops->at(from.get()));
 }
 std::string logOf(const GenericValue& value) {
   Kop::NboAttrLog::Out out;
@@ -61,37 +60,31 @@ std::string logOf(const GenericValue& value) {
 bool less(const GenericValue& a, const GenericValue& b) {
   return a.type()->less(a.get(), b.get());
 }
-template <class E, class F>
-bool throws(F action) {
-  try {
-    action();
-    return false;
-  } catch (const E&) {
-    return true;
-  }
-}
-bool isOrdered(const GenericValue& value) {
-  return !throws<Kop::UnorderedTypeException>([&] { less(value, value); });
-}
-bool isHashable(const GenericValue& value) {
-  return !throws<Kop::UnhashableTypeException>([&] { value.type()->hash(value.get()); });
+bool isOrdered(const GenericValue& value) try {
+  return less(value, value), true;
+} catch (const Kop::UnorderedTypeException&) {
+  return false;
 }
 U32 hashOf(const GenericValue& value) {
   return value.type()->hash(value.get());
 }
+bool isHashable(const GenericValue& value) try {
+  return hashOf(value), true;
+} catch (const Kop::UnhashableTypeException& error) {
+  EXPECT_EQ(error.what(), value.type()->name);
+  return false;
+}
 
 // The same map with other values under its keys.
 GenericValue flipped(const GenericValue& map) {
-  struct To {
-    GenericValue map;
-  } to{GenericValue(map.type())};
+  GenericValue flip(map.type());
   map.type()->elements->each(
-      map.get(), &to, [](void* context, const void* key, const void*) {
-        auto& flip = static_cast<To*>(context)->map;
-        const GenericValue fresh(flip.type()->elements->value);
-        flip.type()->elements->insert(flip.get(), key, fresh.get());
+      map.get(), &flip, [](void* to, const void* key, const void*) {
+        auto& copy = *static_cast<GenericValue*>(to);
+        const GenericValue fresh(copy.type()->elements->value);
+        copy.type()->elements->insert(copy.get(), key, fresh.get());
       });
-  return to.map;
+  return flip;
 }
 
 Type typeOf(const TypeOps& ops) {
@@ -111,7 +104,8 @@ Type typeOf(const TypeOps& ops) {
       type.values.push_back(value);
       const auto* const elements = member->ops->type->elements;
       if (!elements || !elements->value) continue;
-      member->ops->type->assign(at(value, *member), flipped(get(value, *member)).get());
+      member->ops->type->assign(const_cast<void*>(member->ops->at(value.get())),
+                                flipped(get(value, *member)).get());
       type.values.push_back(value);
     }
   }
@@ -147,16 +141,6 @@ const std::vector<Type>& allTypes() {
   return all;
 }
 
-// The types of which the law does not hold.
-template <class Law>
-Names exceptions(Law law) {
-  Names names;
-  for (const Type& type : allTypes()) {
-    SCOPED_TRACE(type.name());
-    if (!law(type)) names.insert(type.name());
-  }
-  return names;
-}
 // Whether it holds of any two values.
 template <class Law>
 bool ofAllPairs(const Type& type, Law law) {
@@ -219,25 +203,40 @@ Names listed(std::string_view law) {
 }
 const Names notParsed = listed("parse");
 
+// The law holds of all types but those that are listed with it.
+template <class Law>
+void expectLaw(const char* name, Law law) {
+  Names broken;
+  for (const Type& type : allTypes()) {
+    SCOPED_TRACE(type.name());
+    if (!law(type)) broken.insert(type.name());
+  }
+  EXPECT_THAT(broken, ContainerEq(listed(name)));
+}
+
 // Catches a suite that runs over less than it says.
 TEST(ValueLaws, overAllTypes) {
   EXPECT_EQ(std::count_if(allTypes().begin(), allTypes().end(),
                           [](const Type& type) { return type.isRecord; }),
             40);
-  Names foreign;
-  for (const Type& type : allTypes())
-    if (!type.isRecord) foreign.insert(type.name());
-  EXPECT_EQ(foreign.size(), 29u) << testing::PrintToString(foreign);
+  EXPECT_EQ(allTypes().size(), 40u + 29);  // and foreign ones
 }
 
 // Catches an attribute that is forgotten, or written and read in different forms, and a reader
 // that reads past the end or keeps what it refuses.
-TEST(ValueLaws, textReadsBack) {
-  EXPECT_THAT(exceptions([](const Type& type) { return !type.holdsCollection(); }),
-              ContainerEq(notParsed));
+TEST(ValueLawsDeathTest, textReadsBack) {
+  testing::GTEST_FLAG(death_test_style) = "fast";
+  expectLaw("parse", [](const Type& type) { return !type.holdsCollection(); });
   for (const Type& type : allTypes()) {
     SCOPED_TRACE(type.name());
-    if (notParsed.contains(type.name())) continue;
+    if (notParsed.contains(type.name())) {
+      EXPECT_DEATH(GenericValue(type.ops).textIs(type.values[0].text()),
+                   "Tunnel/" + std::string(Kop::moduleOf(*type.ops->record())->name) +
+                       ": .*Assertion \"!\"No String constructor for " +
+                       type.name().substr(type.name().rfind(':') + 1) +
+                       " - has collection\"\" failed");
+      continue;
+    }
     for (const auto& value : type.values) {
       const Kop::String text = value.text();
       SCOPED_TRACE(text.c_str());
@@ -269,97 +268,88 @@ TEST(ValueLaws, textReadsBack) {
 
 // Catches a name in the text or a place in the log that is another attribute's.
 TEST(ValueLaws, textAndLogAreThoseOfTheAttributes) {
-  EXPECT_THAT(exceptions([](const Type& type) {
-                if (!type.isRecord) return true;
-                for (const auto& value : type.values) {
-                  std::string text;
-                  for (const Member* member : type.stored)
-                    text += (text.empty() ? "'" : ", '") + std::string(member->name) +
-                            "': " + get(value, *member).text().c_str();
-                  if (type.stored.size() > 1)
-                    text = "Value('" + type.name() + "', ** {" + text + "})";
-                  else if (type.stored.size() == 1)
-                    text = get(value, *type.stored[0]).text().c_str();
-                  if (value.text() != text.c_str()) return false;
-                }
-                return true;
-              }),
-              ContainerEq(listed("text")));
-  EXPECT_THAT(exceptions([](const Type& type) {
-                for (const auto& value : type.values) {
-                  std::string log;
-                  for (const Member* member : type.stored)
-                    log += logOf(get(value, *member));
-                  if (type.isRecord && logOf(value) != log) return false;
-                }
-                return true;
-              }),
-              ContainerEq(Names{}));
+  expectLaw("text", [](const Type& type) {
+    bool isThat = true;
+    for (const auto& value : type.values) {
+      if (!type.isRecord) break;
+      std::string text, log;
+      for (const Member* member : type.stored) {
+        const auto attribute = get(value, *member);
+        const std::string own(attribute.text().c_str());
+        text += type.stored.size() < 2 ? own
+                                       : (text.empty() ? "'" : ", '") +
+                                             std::string(member->name) + "': " + own;
+        log += logOf(attribute);
+      }
+      if (type.stored.size() > 1)
+        text = "Value('" + type.name() + "', ** {" + text + "})";
+      isThat = isThat && value.text() == text.c_str();
+      EXPECT_EQ(logOf(value), log);
+    }
+    return isThat;
+  });
 }
 
 // Catches a read past the end, and a value that the log brings back as another.
 TEST(ValueLaws, logReadsBack) {
-  EXPECT_THAT(exceptions([](const Type& type) {
-                bool isBack = true;
-                for (const auto& value : type.values) {
-                  const std::string bytes = logOf(value);
-                  Kop::NboAttrLog::In in(bytes.data(), bytes.size());
-                  GenericValue back(type.ops);
-                  type.ops->logRead(back.get(), in);
-                  EXPECT_TRUE(in.atEnd());
-                  EXPECT_EQ(logOf(back), bytes);
-                  isBack = isBack && back == value;
-                  for (std::size_t size = 0; size < bytes.size(); ++size) {
-                    const std::vector<char> cut(bytes.data(), bytes.data() + size);
-                    Kop::NboAttrLog::In few(cut.data(), size);
-                    EXPECT_THROW(type.ops->logRead(back.get(), few),
-                                 Kop::LogCorruptException);
-                  }
-                }
-                return isBack;
-              }),
-              ContainerEq(listed("log")));
+  expectLaw("log", [](const Type& type) {
+    bool isBack = true;
+    for (const auto& value : type.values) {
+      const std::string bytes = logOf(value);
+      Kop::NboAttrLog::In in(bytes.data(), bytes.size());
+      GenericValue back(type.ops);
+      type.ops->logRead(back.get(), in);
+      EXPECT_TRUE(in.atEnd());
+      EXPECT_EQ(logOf(back), bytes);
+      isBack = isBack && back == value;
+      for (std::size_t size = 0; size < bytes.size(); ++size) {
+        const std::vector<char> cut(bytes.data(), bytes.data() + size);
+        Kop::NboAttrLog::In few(cut.data(), size);
+        EXPECT_THROW(type.ops->logRead(back.get(), few), Kop::LogCorruptException);
+      }
+    }
+    return isBack;
+  });
 }
 
 // Catches a value that bytes from a peer can make and that no text or log brings back: two
 // equal values would then have two images.
 TEST(ValueLaws, bytesOfAPeerMakeCanonicalValuesOrNone) {
-  EXPECT_THAT(exceptions([](const Type& type) {
-                Random random(Samples::seed);
-                bool isBack = true;
-                int made = 0;
-                for (int i = 0; i < 300; ++i) {
-                  U8 bytes[1024];
-                  for (U8& byte : bytes)
-                    byte = static_cast<U8>(random() % 2 == 0 ? 0 : random() % 4);
-                  Kop::NboAttrLog::In in(bytes, sizeof bytes);
-                  GenericValue value(type.ops), again(type.ops), same(type.ops);
-                  try {
-                    type.ops->logRead(value.get(), in);
-                  } catch (const Kop::LogCorruptException&) {
-                    continue;
-                  } catch (const Kop::RangeException&) {
-                    continue;  // an index
-                  }
-                  ++made;
-                  const std::string log = logOf(value);
-                  Kop::NboAttrLog::In rest(log.data(), log.size());
-                  type.ops->logRead(same.get(), rest);
-                  EXPECT_TRUE(same == value);
-                  if (notParsed.contains(type.name())) continue;
-                  try {
-                    again.textIs(value.text());
-                    EXPECT_TRUE(again == value) << value.text();
-                    EXPECT_TRUE(!isHashable(value) || hashOf(again) == hashOf(value));
-                  } catch (const Kop::RangeException&) {
-                    isBack = false;
-                  }
-                }
-                // A record with many strings is hardly ever made so.
-                EXPECT_TRUE(made > 10 || type.stored.size() > 1) << made;
-                return isBack;
-              }),
-              ContainerEq(listed("peer")));
+  expectLaw("peer", [](const Type& type) {
+    Random random(Samples::seed);
+    bool isBack = true;
+    int made = 0;
+    for (int i = 0; i < 300; ++i) {
+      U8 bytes[1024];
+      for (U8& byte : bytes)
+        byte = static_cast<U8>(random() % 2 == 0 ? 0 : random() % 4);
+      Kop::NboAttrLog::In in(bytes, sizeof bytes);
+      GenericValue value(type.ops), again(type.ops), same(type.ops);
+      try {
+        type.ops->logRead(value.get(), in);
+      } catch (const Kop::LogCorruptException&) {
+        continue;
+      } catch (const Kop::RangeException&) {
+        continue;  // an index
+      }
+      ++made;
+      const std::string log = logOf(value);
+      Kop::NboAttrLog::In rest(log.data(), log.size());
+      type.ops->logRead(same.get(), rest);
+      EXPECT_TRUE(same == value);
+      if (notParsed.contains(type.name())) continue;
+      try {
+        again.textIs(value.text());
+        EXPECT_TRUE(again == value) << value.text();
+        EXPECT_TRUE(!isHashable(value) || hashOf(again) == hashOf(value));
+      } catch (const Kop::RangeException&) {
+        isBack = false;
+      }
+    }
+    // A record with many strings is hardly ever made so.
+    EXPECT_TRUE(made > 10 || type.stored.size() > 1) << made;
+    return isBack;
+  });
 }
 
 // Catches comparisons that disagree with each other, and equal values of different hash.
@@ -390,67 +380,45 @@ TEST(ValueLaws, equalityOrderAndHashAgree) {
   }
 }
 
-// Catches an equality that is more or less than having the same content.
-TEST(ValueLaws, equalityIsThatOfTheLog) {
-  EXPECT_THAT(exceptions([](const Type& type) {
-                return ofAllPairs(type, [](const auto& a, const auto& b) {
-                  return (a == b) == (logOf(a) == logOf(b));
-                });
-              }),
-              ContainerEq(listed("equal")));
-}
-
-// Catches a type that has lost its hash or its order, and one that has got any.
-TEST(ValueLaws, hashAndOrderExist) {
-  const Names unhashable = exceptions([](const Type& type) {
-    if (isHashable(type.values[0])) return true;
-    try {
-      hashOf(type.values[0]);
-    } catch (const Kop::UnhashableTypeException& error) {
-      EXPECT_EQ(error.what(), type.name());
-    }
-    return false;
+// Catches an equality that is more or less than having the same content, a hash or an order
+// that is lost or new, and an order that has become that of the attributes, or is no longer.
+TEST(ValueLaws, equalityHashAndOrderAreAsListed) {
+  expectLaw("equal", [](const Type& type) {
+    return ofAllPairs(type, [](const auto& a, const auto& b) {
+      return (a == b) == (logOf(a) == logOf(b));
+    });
   });
-  EXPECT_THAT(unhashable, ContainerEq(listed("hash")));
-  EXPECT_THAT(exceptions([](const Type& type) { return isOrdered(type.values[0]); }),
-              ContainerEq(listed("less")));
-}
-
-// Catches an order that has become that of the attributes, or is no longer.
-TEST(ValueLaws, orderIsThatOfTheAttributes) {
-  EXPECT_THAT(exceptions([](const Type& type) {
-                if (!type.isRecord || !isOrdered(type.values[0])) return true;
-                return ofAllPairs(type, [&](const auto& a, const auto& b) {
-                  for (const Member* member : type.stored) {
-                    const auto x = get(a, *member), y = get(b, *member);
-                    if (x == y) continue;
-                    return isOrdered(x) && less(a, b) == less(x, y);
-                  }
-                  return !less(a, b);
-                });
-              }),
-              ContainerEq(listed("order")));
+  expectLaw("hash", [](const Type& type) { return isHashable(type.values[0]); });
+  expectLaw("less", [](const Type& type) { return isOrdered(type.values[0]); });
+  expectLaw("order", [](const Type& type) {
+    if (!type.isRecord || !isOrdered(type.values[0])) return true;
+    return ofAllPairs(type, [&](const auto& a, const auto& b) {
+      for (const Member* member : type.stored) {
+        const auto x = get(a, *member), y = get(b, *member);
+        if (x == y) continue;
+        return isOrdered(x) && less(a, b) == less(x, y);
+      }
+      return !less(a, b);
+    });
+  });
 }
 
 // Catches a truth that looks at another attribute than the first, or past a rule of its own.
 TEST(ValueLaws, truthIsThatOfTheFirstAttribute) {
-  const auto truth = [](const GenericValue& value) {
-    return value.type()->truth(value.get());
-  };
-  EXPECT_THAT(exceptions([&](const Type& type) {
-                bool isFirst = true;
-                for (const auto& value : type.values) {
-                  if (!type.isRecord) continue;
-                  const bool first =
-                      !type.stored.empty() && !(get(value, *type.stored[0]) ==
-                                                GenericValue(type.stored[0]->ops->type));
-                  isFirst = isFirst && truth(value) == first;
-                }
-                for (const auto& value : type.values)
-                  EXPECT_TRUE(isFirst || truth(value) != (value == type.values[0]));
-                return isFirst;
-              }),
-              ContainerEq(listed("truth")));
+  expectLaw("truth", [](const Type& type) {
+    const auto truth = [&](const auto& value) { return type.ops->truth(value.get()); };
+    bool isFirst = true;
+    for (const auto& value : type.values) {
+      if (!type.isRecord) continue;
+      const bool first =
+          !type.stored.empty() &&
+          !(get(value, *type.stored[0]) == GenericValue(type.stored[0]->ops->type));
+      isFirst = isFirst && truth(value) == first;
+    }
+    for (const auto& value : type.values)
+      EXPECT_TRUE(isFirst || truth(value) != (value == type.values[0]));
+    return isFirst;
+  });
 }
 
 // Catches an attribute that a comparison, a hash, a text or a log leaves out.
@@ -515,32 +483,24 @@ void typed(Names& followFlags) {
   EXPECT_TRUE(isRight) << Kop::typeName<T>();
   if (follows) followFlags.insert(std::string(Kop::typeName<T>()));
 }
-template <class... Ts>
-Names typedAll() {
-  Names followFlags;
-  (typed<Ts>(followFlags), ...);
-  return followFlags;
-}
 
 // Catches a stream that follows its flags though it should not, or the reverse, a copy that
-// shares what it should own, and a size that does not announce what is written.
+// shares what it should own, and a size that does not announce what is written. Every type
+// with operators of its own, and records of every kind of attribute.
 TEST(ValueLaws, streamsCopiesAndSizes) {
   using namespace TunnelTable;
   using namespace Vantor;
-  const Names followFlags =
-      typedAll<Decap::DecapExcludeIntfSet, Decap::DecapIntf, Decap::DecapIntfKey,
-               GreTunnelInfo, IpsecGreTunnelInfo, IpsecVtiTunnelInfo, L3TunnelInfo,
-               VxlanTunnelInfo, NexthopGroup::NexthopGroupTunnelConfigEntry,
-               Static::StaticTunnelConfigEntry, TunnelEntrySequenceNumber, BgpLuVia,
-               ColoredTunnelEndpoint, EncapId, EncapIdConstants, EvpnVxlanTunnelEntry,
-               HwTunnelKey, Id64, MldpTunnelRibEntry, MplsCosVia, MplsVia,
-               MulticastTunnelTableEntry, NameIndex, NextHopIndex, NexthopTunnelL2Info,
-               NexthopTunnelL3Info, TepIndex, TunnelBandwidth, TunnelCounterId,
-               TunnelEntryPref, TunnelId, TunnelIdConstants, TunnelIdNamePair,
-               TunnelRibId, TunnelTableEntry, TunnelTableInfo, TunnelVia, Via, ViaIndex,
-               DynamicTunnelIntfId, IpGenAddr, IpGenPrefix, IntfId, EthAddr, IpDscp,
-               MplsLabelOperation, DynamicMplsLabelStack, Brel::ChipId, Brel::ChipSet,
-               Vxlan::VniExt, Routing::Multicast::MulticastTreeId>();
+  Names followFlags;
+  [&]<class... Ts>(std::tuple<Ts...>*) {
+    (typed<Ts>(followFlags), ...);
+  }(static_cast<std::tuple<
+        TunnelEntrySequenceNumber, TunnelBandwidth, TunnelId, IpGenAddr, IpGenPrefix,
+        IntfId, EthAddr, IpDscp, MplsLabelOperation, DynamicMplsLabelStack, Brel::ChipId,
+        Brel::ChipSet, Vxlan::VniExt, Routing::Multicast::MulticastTreeId,
+        Decap::DecapExcludeIntfSet, IpsecGreTunnelInfo, Static::StaticTunnelConfigEntry,
+        NexthopGroup::NexthopGroupTunnelConfigEntry, BgpLuVia, MplsCosVia,
+        EncapIdConstants, TunnelTableEntry, TunnelTableInfo, NexthopTunnelL3Info,
+        DynamicTunnelIntfId>*>(nullptr));
   EXPECT_THAT(followFlags, ContainerEq(listed("flags")));
 }
 
