@@ -2,7 +2,9 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
+#include "Kop/Module.h"
 #include "Kop/NboAttrLogSa.h"
 
 // What an entity and all below it hold, by path: `colour`, `mark/5`, `branch/'b'/label`. A
@@ -42,3 +44,25 @@ inline EntityDump dump(Kop::Entity& entity, bool identities = true) {
   }
   return result;
 }
+
+// Writes down what it hears of an entity of the type, by path as well, and of any other that
+// it was detached or moved.
+using Log = std::vector<std::string>;
+struct Recorder : Kop::Notifiee {
+  Recorder(Log& log, std::string name, const Kop::TypeRecord& type)
+      : log(log), name(std::move(name)), type(type) {}
+  void onAttribute(Kop::AttributeId attribute) override {
+    log.push_back(name + std::string(type.member(attribute)->name));
+  }
+  void onAttribute(Kop::AttributeId attribute, const void* key) override {
+    Kop::TextOut text;
+    const auto* const member = type.member(attribute);
+    member->ops->collection->key->text(text, key);
+    log.push_back(name + std::string(member->name) + '/' + std::string(text.view()));
+  }
+  void onParent() override { log.push_back(name + "parent"); }
+  void onDetached() override { log.push_back(name + "detached"); }
+  Log& log;
+  std::string name;
+  const Kop::TypeRecord& type;
+};

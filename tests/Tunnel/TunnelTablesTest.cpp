@@ -8,32 +8,13 @@
 #include "Trace/Trace.h"
 #include "Tunnel/TunnelRibId.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
+#include "tests/Kop/EntityDump.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
 
 using Samples::Random;
-using Events = std::vector<std::string>;
-
-// Writes down the numbers of the attributes that it hears of.
-struct Watch : Kop::Notifiee {
-  explicit Watch(Kop::Entity& entity) : entity_(entity) { entity.notifieeAdd(this); }
-  ~Watch() override { entity_.notifieeDel(this); }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-  void onAttribute(Kop::AttributeId attribute) override {
-    events.push_back(std::to_string(attribute));
-  }
-  void onAttribute(Kop::AttributeId attribute, const void*) override {
-    events.push_back(std::to_string(attribute) + "[]");
-  }
-  Events taken() { return std::exchange(events, {}); }
-  Events events;
-
- private:
-  Kop::Entity& entity_;
-};
 
 // Takes the lines of a level of the default handle while it lives.
 class Lines {
@@ -48,12 +29,12 @@ class Lines {
     Trace::sinkIs(before_);
     Trace::defaultHandle().levelIs(level_);
   }
-  Events taken() { return std::exchange(lines_, {}); }
+  Log taken() { return std::exchange(lines_, {}); }
 
  private:
   int level_;
   Trace::Sink before_;
-  Events lines_;
+  Log lines_;
 };
 
 TunnelId id(U64 index) {
@@ -66,24 +47,25 @@ TunnelId id(U64 index) {
 TEST(TunnelRibNames, numbersLinesAndObservers) {
   const auto map = tunnelRibNameIdMapFactory("ribs");
   map->currentIdInc(4);
-  Watch watch(*map);
+  Log told;
+  Recorder watch(told, "", Kop::typeRecord(map->fwkType()));
+  map->notifieeAdd(&watch);
   Lines lines(8);
   const std::string of =
       "8 Tunnel::TunnelTable::TunnelRibId Tunnel::TunnelTable::TunnelRibNameIdMap::";
   EXPECT_EQ(map->tunnelRibNameIs("red").value(), 4u);
   EXPECT_EQ(lines.taken(),
-            (Events{of + "getFreeId()",
-                    of + "tunnelRibNameIs(Kop::String) - tunnel-rib: red, currId: 4"}));
-  EXPECT_EQ(watch.taken(), (Events{"259", "258[]"}));
+            (Log{of + "getFreeId()",
+                 of + "tunnelRibNameIs(Kop::String) - tunnel-rib: red, currId: 4"}));
+  EXPECT_EQ(told, (Log{"currentId", "nameToId/'red'"}));
   EXPECT_EQ(map->tunnelRibNameIs("blue").value(), 5u);
   lines.taken();
-  watch.taken();
+  told.clear();
   EXPECT_EQ(map->tunnelRibNameIs("red").value(), 4u);
-  EXPECT_EQ(lines.taken(), Events{});
+  EXPECT_EQ(lines.taken(), Log{});
   EXPECT_EQ(map->tunnelRibNameDel("red").value(), 4u);
-  EXPECT_EQ(lines.taken(),
-            Events{of + "tunnelRibNameDel(Kop::String) - tunnel-rib: red"});
-  EXPECT_EQ(watch.taken(), Events{"258[]"});
+  EXPECT_EQ(lines.taken(), Log{of + "tunnelRibNameDel(Kop::String) - tunnel-rib: red"});
+  EXPECT_EQ(told, Log{"nameToId/'red'"});
   EXPECT_EQ(map->tunnelRibNameIs("red").value(), 6u);
   map->nameToIdIs("none", TunnelRibId(TunnelRibId::null));
   EXPECT_EQ(map->tunnelRibNameIs("none").value(), 7u);
@@ -91,12 +73,13 @@ TEST(TunnelRibNames, numbersLinesAndObservers) {
   Trace::defaultHandle().levelIs(7);
   lines.taken();
   EXPECT_EQ(map->tunnelRibNameIs("green").value(), 9u);
-  EXPECT_EQ(lines.taken(), Events{});
+  EXPECT_EQ(lines.taken(), Log{});
 
   map->currentIdIs(TunnelRibId(4294967294));
   EXPECT_EQ(map->getFreeId().value(), 4294967294u);
   map->currentIdInc(2);  // past the end
   EXPECT_EQ(map->currentId().value(), 1u);
+  map->notifieeDel(&watch);
 }
 
 // Catches a map that strays from what was done to it, and a sweep that skips the neighbour of
@@ -178,8 +161,15 @@ TEST(TunnelNames, followAPlainModel) {
   EXPECT_EQ(all->localTunnelNameStatusIs(ldpTunnel), names);
   EXPECT_EQ(names->tunnelType(), ldpTunnel);
   EXPECT_EQ(names->name(), "ldpTunnel");
-  Watch watch(*names);
-  const Events inOrder{"258[]", "259[]", "260[]"};
+  Log told;
+  Recorder watch(told, "", Kop::typeRecord(names->fwkType()));
+  names->notifieeAdd(&watch);
+  const auto inOrder = [](U64 index, const Kop::String& name) {
+    const std::string pair(valueToStrep(TunnelIdNamePair(id(index), name)).c_str());
+    return Log{"tunnelNameToId/" + std::string(Kop::strepOf(name).c_str()),
+               "tunnelIdToName/" + std::to_string(id(index).value()),
+               "tunnelIdNamePair/" + pair};
+  };
   std::map<U64, std::string> model;
   std::map<std::string, U64> back;
   for (int i = 0; i < 5000; ++i) {
@@ -191,15 +181,16 @@ TEST(TunnelNames, followAPlainModel) {
     if (random() % 2 == 0) {
       const auto* const stored = names->tunnelIdToName().find(id(index));
       names->delTunnelIdNamePair(stored ? stored->key() : id(index));
-      ASSERT_EQ(watch.taken(), known ? inOrder : Events{});
+      ASSERT_EQ(told, known ? inOrder(index, model[index]) : Log{});
       if (known) back.erase(model[index]);
       model.erase(index);
     } else if (same || (!known && back.count(name) == 0)) {
       names->addTunnelIdNamePair(id(index), name);
-      ASSERT_EQ(watch.taken(), same ? Events{} : inOrder);
+      ASSERT_EQ(told, same ? Log{} : inOrder(index, name));
       model[index] = name;
       back[name] = index;
     }
+    told.clear();
     ASSERT_EQ(names->tunnelNameToIdCount(), model.size());
     ASSERT_EQ(names->tunnelIdToNameCount(), model.size());
     ASSERT_EQ(names->tunnelIdNamePairCount(), model.size());
@@ -215,6 +206,7 @@ TEST(TunnelNames, followAPlainModel) {
   names->addTunnelIdNamePair(id(1), "");
   names->delTunnelIdNamePair(id(2));  // has no name, which is not the empty one
   EXPECT_EQ(names->tunnelNameToIdCount(), 1u);
+  names->notifieeDel(&watch);
 }
 
 // Catches a type on the wrong side, and a number beyond the types that is taken for one.
