@@ -401,7 +401,7 @@ TEST(EntityMaking, takesItsNameOrItsKey) {
   EXPECT_FALSE(Kop::TypeImpl<Slot>::newEntityForDir("a slot lives under its key"));
   EXPECT_THAT([&] { Tall::newEntityForDir("dir", argument); },
               testing::ThrowsMessage<Kop::NewEntityArgsException>(
-                  "type 19 of module TestTypes takes no arguments but its name"));
+                  "type 18 of module TestTypes takes no arguments but its name"));
   Kop::NboAttrLog::Out out;
   const auto tree = treeFactory("log");
   Kop::TypeImpl<Tree>::serializeConstructorParams(out, *tree);

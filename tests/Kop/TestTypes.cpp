@@ -41,13 +41,12 @@ void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&) {
 }  // namespace Sample
 
 KOP_MODULE(TestTypes,
-           f4b56d4972440bcf,
+           9c476c243a25d40c,
            Sample::Shape,
            Sample::Colour,
            Sample::Limits,
            Sample::Level,
            Sample::Code,
-           Sample::Ratio,
            Sample::Port,
            Sample::Place,
            Sample::Area,
@@ -68,7 +67,6 @@ KOP_INSTANTIATE_ENUM(Sample::Colour);
 KOP_INSTANTIATE_VALUE(Sample::Limits);
 KOP_INSTANTIATE_VALUE(Sample::Level);
 KOP_INSTANTIATE_VALUE(Sample::Code);
-KOP_INSTANTIATE_VALUE(Sample::Ratio);
 KOP_INSTANTIATE_VALUE(Sample::Port);
 KOP_INSTANTIATE_VALUE(Sample::Place);
 KOP_INSTANTIATE_VALUE(Sample::Area);

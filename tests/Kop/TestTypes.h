@@ -42,15 +42,6 @@ class Code : public Kop::Value<Code> {
   explicit Code(U32 value) : value_(value) {}
 };
 
-class Ratio : public Kop::Value<Ratio> {
-  KOP_VALUE(Ratio);
-
-  KOP_WRAPPED(2, float, value, -1.0f);
-
- public:
-  explicit Ratio(float value) : value_(value) {}
-};
-
 class Port : public Kop::Value<Port> {
   KOP_VALUE(Port);
 

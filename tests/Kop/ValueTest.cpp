@@ -79,6 +79,10 @@ TEST(ValueText, namesWhatItCouldNotRead) {
   Kop::NboAttrLog::In in(out.data(), out.size());
   Chart read(in);
   EXPECT_EQ(read, chart);
+  U8* const second = const_cast<U8*>(out.data()) + 4 + 4 + 5 + 4 + 3;
+  std::copy_n(second - 3, 2, second);  // the key of the first
+  Kop::NboAttrLog::In twice(out.data(), out.size());
+  EXPECT_THROW(Chart{twice}, Kop::LogCorruptException);
   read.rankDel(Level(3)), read.costDel(Hop(1, U8{1}));
   EXPECT_EQ(read.rank().count() + read.cost().count(), 1u);
   EXPECT_FALSE(read == chart);
@@ -144,6 +148,11 @@ TEST(ValueReflection, derivedAndDeleted) {
   const void* const arguments[] = {&factor, &argument};
   Kop::findType("Sample::FarHop")->member("weighed")->ops->call(&hop, arguments, &number);
   EXPECT_EQ(number, 24u) << "a function of the base";
+  const auto& raise = *Kop::findType("Sample::FarHop")->member("raise")->ops;
+  const U8 by = 3;
+  const void* const byThree[] = {&by};
+  raise.call(&hop, byThree, nullptr);
+  EXPECT_TRUE(raise.changes && hop.cost() == 5);
 
   // The order by hand of the base is not the derived one's.
   EXPECT_LT(Hop(5, U8{0}), Hop(1, U8{1}));
