@@ -1,8 +1,6 @@
-#include <atomic>
 #include <map>
 #include <memory>
 #include <random>
-#include <thread>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -439,68 +437,6 @@ TEST(TableRing, saysWhenItNoLongerReachesBack) {
   ASSERT_EQ(keys.size(), Layout::ringCount);
   EXPECT_EQ(keys.front(), 11 % 3);
   EXPECT_FALSE(reader.changedSince(upTo + 1, keys, upTo));  // of another table
-}
-
-// Catches an access that is no atomic one, rows that go missing in a walk while the index is
-// replaced under it, and a follower that loses a change.
-TEST(TableThreads, readersBesideAWriterThatGrows) {
-  const TestName name("threads");
-  constexpr U64 fixed = 500, all = 20000;
-  auto writer = std::make_unique<TestWriter>(name);
-  for (U64 key = 0; key < fixed; ++key)
-    writer->rowIs(key, TestRecord(key, 1, static_cast<U32>(key % 50)));
-  std::atomic<bool> stop = false;
-  std::atomic<U64> walks = 0;
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 2; ++i)
-    readers.emplace_back([&, i] {
-      const TestReader reader(name);
-      std::mt19937_64 random(i);
-      std::vector<U64> newest(all), keys;
-      U64 since = 0;
-      do {
-        TestRecord record;
-        for (int n = 0; n < 200; ++n) {
-          const U64 key = random() % all;
-          const RowState state = reader.row(key, record);
-          EXPECT_TRUE(state != RowState::found || record.isWhole(key));
-          EXPECT_TRUE(state == RowState::found || key >= fixed);
-        }
-        U64 found = 0;
-        std::vector<bool> seen(all);
-        reader.forEachRow([&](U64 key, const TestRecord& row) {
-          EXPECT_TRUE(row.isWhole(key));
-          EXPECT_FALSE(seen[key]) << "twice";
-          EXPECT_GE(row.version, newest[key]);
-          seen[key] = true;
-          newest[key] = row.version;
-          found += key < fixed;
-        });
-        EXPECT_EQ(found, fixed);
-        const TestReader late(name);
-        EXPECT_EQ(late.verify().faultCount, 0u);
-        reader.changedSince(since, keys, since);
-        ++walks;
-      } while (!stop);
-    });
-  std::mt19937_64 random(99);
-  U64 version = 1;
-  for (U64 round = 0; round < 6 || walks < 4; ++round) {
-    for (U64 i = 0; i < 4000; ++i) {
-      const U64 key = random() % (round % 2 ? all : fixed);
-      const TestRecord record(key, ++version, static_cast<U32>(random() % 300));
-      writer->rowIs(key, record);
-      if (const U64 other = random() % all; other >= fixed && i % 2)
-        writer->rowDel(other);
-    }
-    if (round % 3 == 2) {
-      writer.reset();
-      writer = std::make_unique<TestWriter>(name);
-    }
-  }
-  stop = true;
-  for (std::thread& reader : readers)
-    reader.join();
 }
 
 // Catches a walk that goes on over rows that are no longer where it is.
