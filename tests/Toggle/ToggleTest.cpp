@@ -58,27 +58,19 @@ TEST_F(ToggleFile, malformedFilesAreRefusedWithTheirPlace) {
     std::string_view contents;
   } rows[] = {
       {1, 1,  "not JSON",                            ""                                           },
-      {3, 3,  "not JSON",                            "\n\n  "                                     },
       {1, 2,  "not JSON",                            "{"                                          },
       {3, 1,  "not JSON",                            "{\n  \"A\": true,\n}"                       },
-      {2, 7,  "not JSON",                            "{\n  \"A\" true\n}"                         },
       {2, 9,  "not JSON",                            "{\n\"A\": tru}"                             },
-      {3, 1,  "not JSON",                            "{\n\"A\": true\n\"B\": true}"               },
       {1, 4,  "not JSON",                            "{\"A\n\": true}"                            },
-      {1, 1,  "not JSON",                            "// why\n{}"                                 },
       {1, 3,  "not JSON",                            "{\"\xff\": true}"                           },
       {1, 1,  "not JSON",                            "\xef\xbb\xbf{}"                             },
       {1, 1,  "not a JSON object",                   "[]"                                         },
-      {2, 2,  "not a JSON object",                   "\n true"                                    },
       {1, 26, "the value of \"C\" is not a boolean", "{\"A\\nB\": true, \"\\u0043\": 1}"          },
       {3, 3,  "the value of \"B\" is not a boolean",
        "{\"A\": true,\n \"B\":\n  \"true\"}"                                                      },
-      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": null}"                              },
-      {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": {\"B\": true}}"                     },
       {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": [[[[true]]]]}"                      },
       {1, 7,  "the value of \"A\" is not a boolean", "{\"A\": 1e999999}"                          },
       {3, 13, "\"A\" stands here again",             "{\"A\": true,\n\n\"B\": false, \"A\": true}"},
-      {2, 2,  "\"A\" stands here again",             "{\"A\": true,\n \"\\u0041\": true}"         },
       {2, 1,  "text behind the object",              "{}\n{}"                                     },
       {2, 1,  "text behind the object",              textBehindNul                                },
   };
@@ -109,16 +101,14 @@ TEST_F(ToggleFile, unreadableIsNotAbsent) {
   fs::create_directory(directory / "T.json");
   fs::create_symlink("loop", directory / "loop");
   std::ofstream(directory / "plain") << "{}";
-  struct Row {
-    const char* file;
-    const char* reason;
+  const std::pair<const char*, const char*> rows[] = {
+      {"T.json",       "Is a directory"                   },
+      {"loop",         "Too many levels of symbolic links"},
+      {"plain/T.json", "Not a directory"                  },
   };
-  for (const Row& row : {
-           Row{"T.json",       "cannot read: Is a directory"                   },
-           Row{"loop",         "cannot read: Too many levels of symbolic links"},
-           Row{"plain/T.json", "cannot read: Not a directory"                  }
-  })
-    EXPECT_THAT([&] { getToggleState("A", row.file, true); },
-                testing::ThrowsMessage<std::runtime_error>(
-                    (directory / row.file).string() + ":0:0: " + row.reason));
+  for (const auto& row : rows)
+    EXPECT_THAT(
+        [&] { getToggleState("A", row.first, true); },
+        testing::ThrowsMessage<std::runtime_error>((directory / row.first).string() +
+                                                   ":0:0: cannot read: " + row.second));
 }

