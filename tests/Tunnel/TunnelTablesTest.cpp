@@ -45,10 +45,10 @@ TunnelId id(U64 index) {
 // readers no longer match, and an order of notifications that shows a name before its number
 // is taken.
 TEST(TunnelRibNames, numbersLinesAndObservers) {
+  Log told;
+  Recorder watch(told, "", *Kop::findType("Tunnel::TunnelTable::TunnelRibNameIdMap"));
   const auto map = tunnelRibNameIdMapFactory("ribs");
   map->currentIdInc(4);
-  Log told;
-  Recorder watch(told, "", Kop::typeRecord(map->fwkType()));
   map->notifieeAdd(&watch);
   Lines lines(8);
   const std::string of =
@@ -79,7 +79,6 @@ TEST(TunnelRibNames, numbersLinesAndObservers) {
   EXPECT_EQ(map->getFreeId().value(), 4294967294u);
   map->currentIdInc(2);  // past the end
   EXPECT_EQ(map->currentId().value(), 1u);
-  map->notifieeDel(&watch);
 }
 
 // Catches a map that strays from what was done to it, and a sweep that skips the neighbour of
@@ -156,13 +155,13 @@ TEST(TunnelTablesDeathTest, brokenPromises) {
 // an argument that goes with the entry it stands in.
 TEST(TunnelNames, followAPlainModel) {
   Random random(Samples::seed + 1);
+  Log told;
+  Recorder watch(told, "", *Kop::findType("Tunnel::TunnelTable::TunnelNameStatus"));
   const auto all = protocolTunnelNameStatusFactory("ldp");
   const auto names = all->localTunnelNameStatusIs(ldpTunnel);
   EXPECT_EQ(all->localTunnelNameStatusIs(ldpTunnel), names);
   EXPECT_EQ(names->tunnelType(), ldpTunnel);
   EXPECT_EQ(names->name(), "ldpTunnel");
-  Log told;
-  Recorder watch(told, "", Kop::typeRecord(names->fwkType()));
   names->notifieeAdd(&watch);
   const auto inOrder = [](U64 index, const Kop::String& name) {
     const std::string pair(valueToStrep(TunnelIdNamePair(id(index), name)).c_str());
@@ -206,7 +205,6 @@ TEST(TunnelNames, followAPlainModel) {
   names->addTunnelIdNamePair(id(1), "");
   names->delTunnelIdNamePair(id(2));  // has no name, which is not the empty one
   EXPECT_EQ(names->tunnelNameToIdCount(), 1u);
-  names->notifieeDel(&watch);
 }
 
 // Catches a type on the wrong side, and a number beyond the types that is taken for one.
