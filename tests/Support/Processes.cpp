@@ -19,11 +19,14 @@ WithDatabase::~WithDatabase() {
           socket_, Agent::tablePath(std::string(Agent::tableNameOf(type)))));
 }
 
-void WithDatabase::startDaemon() {
-  daemon_ = startCommand("hiveld", {"--socket", socket_, "--types",
-                                    HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0", "--types",
-                                    HOUSE_LIB_DIR "/libLinuxTunnel.so.0"});
-  ASSERT_TRUE(daemon_->says("listening"));
+std::unique_ptr<Process> WithDatabase::startDaemonAt(
+    const std::string& socket, const std::vector<std::string>& types) {
+  std::vector<std::string> arguments = {"--socket", socket};
+  for (const std::string& library : types)
+    arguments.insert(arguments.end(), {"--types", HOUSE_LIB_DIR "/" + library});
+  auto daemon = startCommand("hiveld", arguments);
+  EXPECT_TRUE(daemon->says("listening"));
+  return daemon;
 }
 
 std::unique_ptr<Process> WithDatabase::startCommand(

@@ -17,7 +17,11 @@ class WithDatabase : public testing::Test {
  protected:
   ~WithDatabase() override;
   void SetUp() override { startDaemon(); }
-  void startDaemon();
+  void startDaemon() { daemon_ = startDaemonAt(socket_); }
+  std::unique_ptr<Process> startDaemonAt(const std::string& socket,
+                                         const std::vector<std::string>& types = {
+                                             "libTunnelHivelTypes.so.0",
+                                             "libLinuxTunnel.so.0"});
   void killDaemon() { daemon_.reset(); }  // as in a crash: nothing is kept
   // A command of ours, or one with its folder.
   std::unique_ptr<Process> startCommand(const std::string& name,

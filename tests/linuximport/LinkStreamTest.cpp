@@ -69,7 +69,7 @@ TEST_F(Followed, appliesWhatAKernelSent) {
   };
   U32 ofBridge = 0;
   std::set<std::size_t> sizes;  // of the table of plain tunnels, as it went
-  const Bytes recording = Bytes::recorded("events.nl");
+  const Bytes recording = recorded("events.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     const Link link = readLink(payloadOf(header));
     EXPECT_TRUE(link.faults.empty());

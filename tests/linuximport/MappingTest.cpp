@@ -27,7 +27,7 @@ std::string joined(const std::vector<std::string>& words) {
 
 std::map<std::string, Link> recordedLinks() {
   std::map<std::string, Link> links;
-  const Bytes recording = Bytes::recorded("links.nl");
+  const Bytes recording = recorded("links.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     if (header->nlmsg_type != RTM_NEWLINK) return;
     Link link = readLink(payloadOf(header));
@@ -159,14 +159,15 @@ TEST(Mapping, namesWhatItCannotRead) {
 // Catches a read past the end (under the address sanitizer), and a cut message that is taken
 // for a whole one.
 TEST(Mapping, findsEveryCut) {
-  const Bytes recording = Bytes::recorded("links.nl");
+  const Bytes recording = recorded("links.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     const auto payload = payloadOf(header);
     const Link link = readLink(payload);
     if (header->nlmsg_type != RTM_NEWLINK || link.name != "g1") return;
     std::size_t malformed = 0;
     for (std::size_t size = 0; size < payload.size(); ++size) {
-      const Mapped mapped = map(readLink(Bytes(payload.first(size)).span()));
+      const Mapped mapped = map(
+          readLink(Bytes(payload.begin(), payload.begin() + static_cast<long>(size))));
       // Cut before the attributes of tunnels, or behind them, in padding or between others.
       EXPECT_TRUE(!mapped.isTunnel() || mapped == map(link) ||
                   mapped.reason.starts_with("malformed"))

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -18,37 +15,24 @@
 #include <libmnl/libmnl.h>
 
 #include "Kop/Types.h"
+#include "tests/Support/Process.h"
 
 // Messages of the kernel: recorded ones (see ORIGIN), and such as no kernel would send.
 
 namespace LinuxImport {
 
-class Bytes {
- public:
-  explicit Bytes(std::span<const U8> bytes)
-      : words_((bytes.size() + 3) / 4), size_(bytes.size()) {
-    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<U8*>(words_.data()));
-  }
-  static Bytes recorded(const char* name) {
-    std::ifstream file(std::string(HOUSE_SOURCE_DIR "/tests/linuximport/") + name,
-                       std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (text.empty()) throw std::runtime_error(std::string(name) + " cannot be read");
-    return Bytes({reinterpret_cast<const U8*>(text.data()), text.size()});
-  }
-  std::span<const U8> span() const {
-    return {reinterpret_cast<const U8*>(words_.data()), size_};
-  }
+using Bytes = std::vector<U8>;
 
- private:
-  std::vector<U32> words_;  // for their alignment
-  std::size_t size_;
-};
-
+inline Bytes recorded(const char* name) {
+  const std::string text =
+      Support::contents(std::string(HOUSE_SOURCE_DIR "/tests/linuximport/") + name);
+  if (text.empty()) throw std::runtime_error(std::string(name) + " cannot be read");
+  return {text.begin(), text.end()};
+}
 inline void forEachMessage(const Bytes& bytes,
                            const std::function<void(const nlmsghdr*)>& visit) {
-  auto left = static_cast<int>(bytes.span().size());
-  auto* header = reinterpret_cast<const nlmsghdr*>(bytes.span().data());
+  auto left = static_cast<int>(bytes.size());
+  auto* header = reinterpret_cast<const nlmsghdr*>(bytes.data());
   for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left))
     visit(header);
 }

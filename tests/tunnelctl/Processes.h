@@ -36,9 +36,8 @@ class CtlProcesses : public Support::WithDatabase {
     arguments.insert(arguments.begin(), "monitor");
     auto monitor = start(std::move(arguments));
     EXPECT_TRUE(eventually([&] {
-      const std::string out = monitor->out();
-      return out.find("changes from here on") != out.npos ||
-             out.find("\"mark\"") != out.npos;
+      return monitor->out().find("changes from here on") != std::string::npos ||
+             monitor->out().find("\"mark\"") != std::string::npos;
     })) << monitor->err();
     return monitor;
   }

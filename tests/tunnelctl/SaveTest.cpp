@@ -47,10 +47,7 @@ TEST_F(SaveProcesses, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   Random random(seed);
   const std::string other = directory_ + "/other.sock", first = socket_;
-  const Process otherDaemon({HOUSE_BIN_DIR "/hiveld", "--socket", other, "--types",
-                             HOUSE_LIB_DIR "/libTunnelHivelTypes.so.0", "--types",
-                             HOUSE_LIB_DIR "/libLinuxTunnel.so.0"},
-                            directory_ + "/other");
+  const auto otherDaemon = startDaemonAt(other);
   for (int round = 0; round < 3; ++round) {
     fill(random);
     const std::string name = directory_ + "/saved.json";
@@ -62,7 +59,6 @@ TEST_F(SaveProcesses, whatIsSavedOfEveryTypeIsAppliedAndCompared) {
 
     // Another database: empty at first, then one that held something else.
     socket_ = other;
-    ASSERT_TRUE(eventually([&] { return ctl({"status"}).status == 0; }));
     if (round > 0) fill(random);
     const Result told = ctl({"-j", "diff", name}), lines = ctl({"diff", name});
     EXPECT_EQ(told.status, 1) << told.err;
