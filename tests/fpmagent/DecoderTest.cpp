@@ -61,37 +61,27 @@ TEST(FpmDecoder, namesWhatIsMalformed) {
 
 // Catches a field that is read into the wrong member, and the line of a log that lies.
 TEST(FpmDecoder, messagesReadAsTheyWereWritten) {
-  const std::string v6 = "fe800000000000000000000000000001";
-  const std::string out = "1c000000000000000a00120002000a00000200000800130000011100";
-  const std::string plain = "2000000004000000160012000a00" + v6 + "0000";
-  const std::string pushed = "0c00010000010000fffff100";  // 16, 1048575
-  const std::string push =
-      "2800000003000000080005000a000002060015000100000010001600" + pushed;
-  const struct {
-    std::string frame;
-    const char* line;
-  } lines[] = {
-      {"24 1c140000fec10001 1=00063100 9=" + out + plain,
-       "new switched path 99 ldp hop via 10.0.0.2 swap 17 hop via fe80::1 if 4"                                                                              },
-      {"25 1c14 1=00063100",                                                   "deleted switched path 99 unspec"                                             },
-      {"24 0a210000004d0001 1=20010db8000000000000000000000000 6=07000000 15=e8030000 "
-       "4=70110100 5=" +
-           v6,                                                          "new route 2001:db8::/33 table 1000 protocol 77 metric 7 via fe80::1 if 70000"},
-      {"24 02000000feba0001 9=" + push + push,
-       "new route 0.0.0.0/0 bgp hop via 10.0.0.2 if 3 push 16/1048575"
-       " hop via 10.0.0.2 if 3 push 16/1048575"                                                                                                              },
-      {"24 02080000febb0001 1=0a000000 30=05000000",
-       "new route 10.0.0.0/8 isis via id 5"                                                                                                                  },
-      {"104 02 1=05000000 2=060000000000000006000000000000000700000000000000",
-       "new next hop 5 group 6 6 7"                                                                                                                          },
-      {"104 02 1=06000000 5=03000000 6=0a000002 7=0100 8=" + pushed,
-       "new next hop 6 via 10.0.0.2 if 3 push 16/1048575"                                                                                                    },
-      {"105 02 1=06000000",                                                    "deleted next hop 6"                                                          },
-  };
-  for (const auto& row : lines) {
+  std::string rows = R"(
+24 1c140000fec10001 1=00063100 9=OUT2000000004000000160012000a00V60000 | new switched path 99 ldp hop via 10.0.0.2 swap 17 hop via fe80::1 if 4
+25 1c14 1=00063100                                                     | deleted switched path 99 unspec
+24 0a210000004d0001 1=20010db8000000000000000000000000 6=07000000 15=e8030000 4=70110100 5=V6 | new route 2001:db8::/33 table 1000 protocol 77 metric 7 via fe80::1 if 70000
+24 02000000feba0001 9=PUSHPUSH                                         | new route 0.0.0.0/0 bgp hop via 10.0.0.2 if 3 push 16/1048575 hop via 10.0.0.2 if 3 push 16/1048575
+24 02080000febb0001 1=0a000000 30=05000000                             | new route 10.0.0.0/8 isis via id 5
+104 02 1=05000000 2=060000000000000006000000000000000700000000000000   | new next hop 5 group 6 6 7
+104 02 1=06000000 5=03000000 6=0a000002 7=0100 8=LABELS                | new next hop 6 via 10.0.0.2 if 3 push 16/1048575
+105 02 1=06000000                                                      | deleted next hop 6
+)";
+  for (const auto& [word, hex] : {
+           std::pair("OUT", "1c000000000000000a00120002000a00000200000800130000011100"),
+           {"PUSH",   "2800000003000000080005000a000002060015000100000010001600LABELS"},
+           {"LABELS", "0c00010000010000fffff100"                                      }, // 16, 1048575
+           {"V6",     "fe800000000000000000000000000001"                              }
+  })
+    rows = Support::replaced(rows, word, hex);
+  for (const auto& row : Support::rowsOf(rows)) {
     FrameReader frames;
-    frames.feed(frameOf(row.frame));
-    EXPECT_EQ(text(decode(*frames.next()).at(0)), row.line);
+    frames.feed(frameOf(row[0]));
+    EXPECT_EQ(text(decode(*frames.next()).at(0)), row[1]);
   }
 }
 

@@ -2,10 +2,6 @@
 #include <optional>
 #include <thread>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 
 #include "Harness.h"
@@ -140,24 +136,11 @@ TEST_F(FpmProcesses, aSecondConnectionTakesOverWhenItSends) {
 
 // Catches a service that counts as started before a daemon can connect, or never.
 TEST_F(FpmProcesses, tellsTheServiceManagerWhenADaemonCanConnect) {
-  const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un address{AF_UNIX, {}};
-  const std::string path = directory_ + "/notify";
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  const Support::ServiceManager manager(directory_ + "/notify");
   const auto running = listener();
-  ::unsetenv("NOTIFY_SOCKET");
-  const auto told = [&] {
-    char text[100] = {};
-    const timeval limit{20, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    return std::string(text, std::max<ssize_t>(::recv(fd, text, sizeof text, 0), 0));
-  };
-  EXPECT_EQ(told(), "READY=1");
+  EXPECT_EQ(manager.told(), "READY=1");
   EXPECT_EQ(running->end(SIGTERM), 0);
-  EXPECT_EQ(told(), "STOPPING=1");
-  ::close(fd);
+  EXPECT_EQ(manager.told(), "STOPPING=1");
 }
 
 // Catches a wrong command line that is guessed at, a failure with status 0, and a replay that

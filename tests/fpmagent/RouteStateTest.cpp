@@ -69,7 +69,7 @@ struct Model {
     return hops;
   }
   std::vector<std::string> lines() const {
-    static const std::map<U8, std::pair<const char*, U32>> kinds = {
+    static const std::map<U8, std::pair<std::string, U32>> kinds = {
         {187, {"isis", 7}  },
         {193, {"ldp", 3}   },
         {196, {"static", 5}},
@@ -77,42 +77,38 @@ struct Model {
     };
     std::map<std::pair<U32, std::string>, std::string> all;
     for (const auto& [key, route] : routes) {
+      const auto kind = kinds.find(route.protocol);
       auto hops = route.nextHopId != 0 ? hopsOf(route.nextHopId) : route.hops;
-      const bool switched = route.switched;
+      const bool ipv6 = !route.switched && route.prefix.af() == Vantor::ipv6;
+      const bool pushes = std::any_of(hops.begin(), hops.end(), [&](const Hop& hop) {
+        return route.switched || hop.labels.count != 0;
+      });
+      if (kind == kinds.end() || !pushes) continue;
+      const auto& [protocol, type] = kind->second;
+      if (ipv6 && type != 5 && type != 7) continue;
       // pop[] comes behind swap, noOperation[] before push
       std::stable_sort(hops.begin(), hops.end(), [&](const Hop& a, const Hop& b) {
         const auto rank = [&](const Hop& hop) {
-          const bool first = (hop.labels.count != 0) == switched;
+          const bool first = (hop.labels.count != 0) == route.switched;
           return std::tuple(hop.interface, !first, hop.labels.labels[0]);
         };
         return rank(a) < rank(b);
       });
-      const auto kind = kinds.find(route.protocol);
-      bool pushes = route.switched;
-      std::string text;
-      for (const Hop& hop : hops) {
-        pushes = pushes || hop.labels.count != 0;
-        text += " | " + std::string(hop.address.stringValue()) + " if" +
-                std::to_string(hop.interface) + " " +
-                (route.switched     ? hop.labels.count ? "swap" : "pop"
-                 : hop.labels.count ? "push"
-                                    : "noOperation") +
-                "[" + (hop.labels.count ? std::to_string(hop.labels.labels[0]) : "") +
-                "]";
-      }
-      const bool ipv6 = !route.switched && route.prefix.af() == Vantor::ipv6;
-      if (kind == kinds.end() || hops.empty() || !pushes) continue;
-      const auto& [protocol, type] = kind->second;
-      if (ipv6 && type != 5 && type != 7) continue;
-      const std::string prefix = std::string(route.prefix.stringValue());
+      const std::string prefix(route.prefix.stringValue());
       const std::string name =
-          std::string(protocol) +
-          (route.switched       ? "-label-" + std::to_string(route.label)
-           : route.table == 254 ? "-" + prefix
-                                : "-" + prefix + "-table" + std::to_string(route.table));
-      all[{type, name}] = name + " type " + std::to_string(type) + " " + prefix +
-                          " metric " + std::to_string(route.metric) +
-                          (ipv6 ? " ipv6" : "") + text;
+          protocol + (route.switched ? "-label-" + std::to_string(route.label)
+                      : route.table == 254
+                          ? "-" + prefix
+                          : "-" + prefix + "-table" + std::to_string(route.table));
+      std::string& line = all[{type, name}];
+      line = name + " type " + std::to_string(type) + " " + prefix + " metric " +
+             std::to_string(route.metric) + (ipv6 ? " ipv6" : "");
+      for (const Hop& hop : hops)
+        line += " | " + std::string(hop.address.stringValue()) + " if" +
+                std::to_string(hop.interface) +
+                (hop.labels.count == 0 ? route.switched ? " pop[]" : " noOperation[]"
+                                       : (route.switched ? " swap[" : " push[") +
+                                             std::to_string(hop.labels.labels[0]) + "]");
     }
     std::vector<std::string> lines;
     for (const auto& [key, line] : all)
