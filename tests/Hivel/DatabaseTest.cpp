@@ -55,7 +55,7 @@ TEST(DatabaseMount, holdsOneEntityPerPathListsAndTells) {
   EXPECT_EQ(paths(""), "a a-x a/b a/b/c a/bc ab b ");
   EXPECT_EQ(paths("c"), "");
   EXPECT_EQ(db.list("b").at(0).type, "Garden::Plot");
-  EXPECT_THROW(db.mount("a/b", Shed::ShedIs("s")), RefusedException);
+  EXPECT_THROW(db.mount("a/b", Plot::PlotIs("s")), RefusedException);
   EXPECT_THROW(db.mount("x", nullptr), Kop::RangeException);
   EXPECT_EQ(db.find("a/b"), plot);
   EXPECT_TRUE(db.unmount("a/b"));

@@ -23,7 +23,6 @@ using namespace std::chrono_literals;
 using namespace Hivel;
 using Bytes = std::vector<U8>;
 using Garden::Plot;
-using Garden::Shed;
 using Kop::Ptr;
 using Support::TempDir;
 

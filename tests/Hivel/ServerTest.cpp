@@ -210,7 +210,7 @@ TEST_F(HivelServer, tellsWatchersOfPaths) {
   };
   EXPECT_TRUE(isTold("+a/1")) << told;
   database.mount("b", Plot::PlotIs("p"));
-  database.mount("a/2", Shed::ShedIs("s"));
+  database.mount("a/2", Plot::PlotIs("s"));
   database.unmount("a/1");
   EXPECT_TRUE(isTold("+a/1+a/2-a/1")) << told;
   // A server that comes back is compared with what was told.

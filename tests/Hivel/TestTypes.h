@@ -23,12 +23,4 @@ class KOP_EXPORT Plot : public Kop::Entity {
   KOP_CHILDREN(260, bed, Bed, Kop::String, Garden::Bed, name);
 };
 
-// Another type for a root.
-class KOP_EXPORT Shed : public Kop::Entity {
-  KOP_ENTITY(Shed);
-  KOP_FACTORY(Shed);
-
-  KOP_SCALAR(258, U32, tools);
-};
-
 }  // namespace Garden

@@ -105,7 +105,8 @@ Published publishedBy(const std::string& agent, const Hivel::ClientOptions& opti
 std::string lineOf(const Agent::Path& path) {
   std::string line = std::string(path.name) + " type " + std::to_string(path.type) + " " +
                      std::string(path.endpoint.stringValue()) + " metric " +
-                     std::to_string(path.metric) + (path.ipv6 ? " ipv6" : "");
+                     std::to_string(path.metric) + (path.ipv6 ? " ipv6" : "") +
+                     (path.bandwidth != 0 ? " bandwidth" : "");
   for (const Agent::NextHop& hop : path.nextHops)
     line += " | " + std::string(hop.address.stringValue()) + " " +
             std::string(hop.intf.stringValue()) + " " +

@@ -28,8 +28,7 @@ class ApplyProcesses : public CtlProcesses {
   }
 };
 
-// Catches a change that does not reach another process, a copy that is not equal, and what
-// cannot be applied again as it was shown.
+// Catches a change that does not reach another process, and a copy that is not equal.
 TEST_F(ApplyProcesses, whatOneAppliesAnotherFollowsAndAThirdShows) {
   const std::string held = directory_ + "/held.json";
   auto monitor = startMonitor({"tunnel", "--state", held});
@@ -37,7 +36,6 @@ TEST_F(ApplyProcesses, whatOneAppliesAnotherFollowsAndAThirdShows) {
   expectApplied(router, "3 paths: nothing changed");
   EXPECT_EQ(ctl({"apply", "--check", router}).status, 0);
   const std::string before = shown();
-  expectApplied(file("shown.json", before), "nothing changed");
 
   const Result differs = ctl({"apply", "--check", change});
   EXPECT_EQ(differs.status, 1);
@@ -62,21 +60,14 @@ TEST_F(ApplyProcesses, whatOneAppliesAnotherFollowsAndAThirdShows) {
 
 // Catches nested values, ordered maps and records as keys that do not survive being shown.
 TEST_F(ApplyProcesses, aWholeRouterIsShownAsItWasApplied) {
-  const std::string tunnels = HOUSE_SOURCE_DIR "/examples/whole-router.json";
-  auto monitor = startMonitor({"tunnel"});
-  expectApplied(tunnels, "9 paths: 9 paths made, 5 attributes set, 25 entries");
+  expectApplied(HOUSE_SOURCE_DIR "/examples/whole-router.json",
+                "9 paths: 9 paths made, 5 attributes set, 25 entries");
   expectApplied(file("shown.json", shown()), "nothing changed");
   const std::string text = ctl({"show", "tunnel"}).out;
   for (const char* part : {"192.0.2.1 Ethernet1 push[100016]: true, ",
                            "protocol 2048, oFlags checksumFlag|keyFlag, iFlags keyFlag",
                            "igpMetric 4000000000"})
     EXPECT_THAT(text, HasSubstr(part));
-  std::string changed = contents(tunnels);
-  const std::string label = "\"push[100044]\"";
-  changed.replace(changed.find(label), label.size(), "\"push[100045]\"");
-  expectApplied(file("changed.json", changed), "9 paths: 1 entry changed");
-  EXPECT_TRUE(monitor->says("push[100045]: true"));
-  EXPECT_EQ(monitor->end(SIGTERM), 0);
 }
 
 // Catches a file that is applied in part: because it is bad, because the server refuses a

@@ -1,4 +1,5 @@
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -179,12 +180,17 @@ TEST_F(TablesProcesses, faultsOfRowsAreToldAndEndNothing) {
     const U64 odd = U64{25} << TunnelIdConstants::tunnelTypePos | 7;
     writer.rowIs(odd, TunnelTableEntry(TunnelId(odd), TunnelEntryPref(1)));
     writer.rowIs(99, TunnelTableEntry(TunnelId(5), TunnelEntryPref(1)));
+    TunnelTableEntry foreign(TunnelId(TunnelId::convertToTunnelValue(ldpTunnel, 7)),
+                             TunnelEntryPref(1));
+    foreign.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
+    writer.rowIs(foreign.tunnelId().value(), foreign);
   }
   expectRows(R"(
 table srTunnelTable          | 0 | type 25 +7 
-table                        | 0 | srTunnel +6 +6 +- +no
+table                        | 0 | srTunnel +7 +7 +- +no
 table srTunnelTable --verify | 1 | type 25 index 7: is of type 25
 table srTunnelTable --verify | 1 | stands under key 99, but says it is 5
+table srTunnelTable --verify | 1 | is LDP tunnel index 7, but the table holds srTunnel; has a bandwidth that is no number
 -j table --verify            | 1 | 
 rib                          | 0 | endpoint
 )");

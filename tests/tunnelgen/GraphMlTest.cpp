@@ -89,9 +89,7 @@ KEYS <node id='a'><data key='x'>1</data><data key='x'>1</data></node> | data: a 
 )");
   for (const auto& row : rows) {
     SCOPED_TRACE(row[0]);
-    std::string text = row[0];
-    if (const auto two = text.find("TWO"); two != text.npos)
-      text.replace(two, 3, "<node id='a'/><node id='b'/>\n");
+    std::string text = Support::replaced(row[0], "TWO", "<node id='a'/><node id='b'/>\n");
     if (text[0] == '<')
       text = text == "<" ? "" : text;
     else
