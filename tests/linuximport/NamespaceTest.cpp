@@ -105,8 +105,9 @@ TEST_F(ImportLinux, makesTablesEqualOnce) {
   expectImport("-j import-linux", 0,
                {"\"imported\":1,\"entriesAdded\":1,\"entriesRemoved\":0",
                 "\"reason\":\"names no peer\""});
-  expectImport("show", 0,
-               {"tunnel/greTunnelInfo/linux", "tunnel/ipsecVtiTunnelInfo/linux"});
+  expectImport("-j show", 0,
+               {R"("tunnel/greTunnelInfo/linux","type":"Tunnel::GreTunnelInfoTable")",
+                R"("tunnel/ipsecVtiTunnelInfo/linux","type":"Tunnel::IpsecVti)"});
   EXPECT_THAT(shown(), ElementsAre(Pair("10.0.0.2", "Vxlan5")));
   expectImport("import-linux", 0, {"1 imported: nothing changed"});
   ASSERT_EQ(batch("link del x1\nlink set x2 type vxlan remote 10.0.0.3\n"), "");
