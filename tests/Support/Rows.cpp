@@ -1,6 +1,9 @@
 #include "tests/Support/Rows.h"
 
 #include <sstream>
+#include <stdexcept>
+
+#include "tests/Support/Process.h"
 
 namespace Support {
 
@@ -27,6 +30,13 @@ std::vector<std::vector<std::string>> rowsOf(const std::string& text) {
       left.erase(0, end + 3);
     }
   }
+  return rows;
+}
+
+std::vector<std::vector<std::string>> rowsIn(const std::string& file) {
+  auto rows = rowsOf(contents(HOUSE_SOURCE_DIR "/tests/" + file));
+  std::erase_if(rows, [](const auto& row) { return row[0].starts_with('#'); });
+  if (rows.empty()) throw std::runtime_error("no rows in tests/" + file);
   return rows;
 }
 

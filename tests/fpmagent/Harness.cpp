@@ -78,7 +78,6 @@ Bytes frameOf(const std::string& text) {
 void Memory::pathIs(const Agent::Path& path) {
   if (std::string_view(path.name) == refuses)
     throw Kop::RangeException("no room for " + refuses);
-  ++tells;
   const auto [held, isNew] = paths.try_emplace(Support::keyOf(path));
   if (isNew || !(held->second.path == path)) ++changes;
   held->second = {path, false};

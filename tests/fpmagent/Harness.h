@@ -44,7 +44,7 @@ class Memory : public PathSink {
   std::vector<std::string> lines() const;
 
   std::map<Support::PathKey, Held> paths;
-  U64 changes = 0, tells = 0, convergences = 0;
+  U64 changes = 0, convergences = 0;
   std::string refuses;  // the name of a path that there is no room for
 };
 

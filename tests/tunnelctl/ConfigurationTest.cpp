@@ -22,54 +22,9 @@ std::string errorOf(const std::string& text) {
   }
 }
 
-// Catches a mistake that is taken, or told of another line or member. What begins with D are
-// members, with G those of one group, from the fifth line on; all others is a whole file.
+// Catches a mistake that is taken, or told of another line or member.
 TEST(ConfigurationErrors, nameFileLineMemberAndReason) {
-  auto rows = Support::rowsOf(R"(
-[\n\n{"path" 5}]                                 | 3: path: not JSON:
-[]\n[]                                           | 2: not JSON:
-D "decapGroup": {},\n"decapGroup": {}            | 5: decapGroup: this name stands twice
-D "decapGroup": {"red": {"dynamic": true,\n"dynamic": true}} | 5: decapGroup.red.dynamic: this name stands twice
-5                                                | 1: found 5, expected an object with path and type
-[\n{}]                                           | 2: path: is missing
-{"path": ""}                                     | 1: path: found "", expected a string
-{"path": "a"}                                    | 1: type: is missing
-{"path": "a//b",\n"type": "x"}                   | 1: path:
-{"path": "a",\n"type": "x"}                      | 2: type: found "x", expected an entity type
-{"path": "a",\n"type": "Tunnel::Decap::DecapIntf"} | 2: type: found
-D "name": 5                                      | 4: name: found 5, expected a string
-D "delete": 1                                    | 4: delete: found 1, expected true or false
-D "delete": true,\n"decapGroup": {}              | 5: decapGroup: a path that is deleted has no members
-[{"path": "a", "delete": true},\n{"path": "a", "delete": true}] | 2: path: a stands already on line 1
-D "frob": 5                                      | 4: frob: Tunnel::Decap::ConfigInput has no such member; it has globalDestPortToPayloadType, decapGroup
-D "decapGroup": 5                                | 4: decapGroup: found 5, expected an object by key
-D "decapGroup": {"red": 5}                       | 4: decapGroup.red: found 5, expected an object
-D "decapGroup": {"red":\n{"path": "a"}}          | 5: decapGroup.red.path:
-G "destinationPort": 65536                       | 5: decapGroup.red.destinationPort: found 65536, expected a number from 0 to 65535
-G "destinationPort": -1                          | 5: decapGroup.red.destinationPort: found -1
-G "destinationPort": 1.5                         | 5: decapGroup.red.destinationPort: found 1.5
-G "destinationPort": 1e3                         | 5: decapGroup.red.destinationPort: found 1e3
-G "destinationPort": "80"                        | 5: decapGroup.red.destinationPort: found "80"
-G "destinationPort": null                        | 5: decapGroup.red.destinationPort: found null
-G "dynamic": 1                                   | 5: decapGroup.red.dynamic: found 1, expected true or false
-G "dynamic": "True"                              | 5: decapGroup.red.dynamic: found "True"
-G "tunnelType": "frob"                           | 5: decapGroup.red.tunnelType: found "frob", expected one of unknown, gre, ipip, udp
-G "tunnelType": 77                               | 5: decapGroup.red.tunnelType: found 77
-G "tunnelType": "gre "                           | 5: decapGroup.red.tunnelType: found "gre "
-G "decapIp": ["10.0.0.1",\n"10.0.0.256"]         | 6: decapGroup.red.decapIp[1]: found "10.0.0.256"
-G "decapIp": ["10.0.0.1",\n"10.0.0.1"]           | 6: decapGroup.red.decapIp[1]: this key stands twice
-G "decapIp": {"::1": true,\n"0::1": true}        | 6: decapGroup.red.decapIp.0::1: this key stands twice
-G "decapIp": {"10.0.0.1": 5}                     | 5: decapGroup.red.decapIp.10.0.0.1: found 5
-G "decapIp": "10.0.0.1"                          | 5: decapGroup.red.decapIp: found "10.0.0.1"
-D "globalDestPortToPayloadType": {"x": "mpls"}   | 4: globalDestPortToPayloadType.x: found "x", expected a number from 0 to 65535
-D "globalDestPortToPayloadType": {"65536": "mpls"} | 4: globalDestPortToPayloadType.65536:
-D "globalDestPortToPayloadType": [5]             | 4: globalDestPortToPayloadType[0]: found 5, expected {"key": .., "value": ..}
-D "globalDestPortToPayloadType": [{"key": 5}]    | 4: globalDestPortToPayloadType[0]: the member value is missing
-D "globalDestPortToPayloadType": [{"key": 5, "value": "mpls", "x": 1}] | 4: globalDestPortToPayloadType[0].x: no such member; an entry has key and value
-G "decapIntf": [{"key": {"intfId": "Vlan99999999999"}, "value": {}}] | 5: decapGroup.red.decapIntf[0].key.intfId: found "Vlan99999999999"
-G "decapIntf": [{"key": {}, "value": {"frob": 1}}] | 5: decapGroup.red.decapIntf[0].value.frob: Tunnel::Decap::DecapIntf has no such member
-G "decapExcludeIntfSet": [{"key": {}, "value": {"excludeIntf": ["Vlan1",\n5]}}] | 6: decapGroup.red.decapExcludeIntfSet[0].value.excludeIntf[1]: found 5
-)");
+  auto rows = Support::rowsIn("tunnelctl/malformed.txt");
   rows.push_back({"", "1: not JSON: "});
   rows.push_back({std::string("[]\n\0x", 5), "2: not JSON: a NUL byte"});
   rows.push_back({"[\"\xff\"]", "1: not JSON: "});
@@ -100,17 +55,24 @@ TEST(ConfigurationErrors, everyCutOfAFileIsRefused) {
     EXPECT_NE(errorOf(text.substr(0, size)), "") << text.substr(0, size);
 }
 
+// Children are shown by name in an object, or in an array of key and value.
+std::string childKey(const Json& children, std::size_t i) {
+  const bool isNamed = children.is(Json::Kind::object);
+  return writeJson(isNamed ? Json::string(children.names[i]) : children.items[i].items[0],
+                   false);
+}
+Json& childAt(Json& children, std::size_t i) {
+  return children.is(Json::Kind::object) ? children.items[i] : children.items[i].items[1];
+}
+
 // What of a random state a file might say: some members, in children too.
 Json someOf(Random& random, const Kop::TypeRecord& type, const Json& state) {
   Json file = Json::object();
   for (const EntityMember& member : membersOf(type)) {
     if (random.below(3) == 0) continue;
     Json value = *state.find(member.record->name);
-    if (member.isChildren())
-      for (Json& item : value.items) {
-        Json& child = value.is(Json::Kind::object) ? item : item.items[1];
-        child = someOf(random, childTypeOf(member), child);
-      }
+    for (std::size_t i = 0; member.isChildren() && i < value.items.size(); ++i)
+      childAt(value, i) = someOf(random, childTypeOf(member), childAt(value, i));
     file.add(std::string(member.record->name), std::move(value));
   }
   return file;
@@ -147,21 +109,6 @@ Json respelt(Random& random, const Kop::TypeRecord& type, Json file) {
   return file;
 }
 
-const Json* childOf(const Json& children, const Json& among, std::size_t i) {
-  if (among.is(Json::Kind::object) && children.is(Json::Kind::object))
-    return children.find(among.names[i]);
-  for (std::size_t k = 0; k < children.items.size(); ++k) {
-    const auto keyOf = [](const Json& all, std::size_t at) {
-      return all.is(Json::Kind::object) ? writeJson(Json::string(all.names[at]), false)
-                                        : writeJson(all.items[at].items[0], false);
-    };
-    if (keyOf(children, k) == keyOf(among, i))
-      return children.is(Json::Kind::object) ? &children.items[k]
-                                             : &children.items[k].items[1];
-  }
-  return nullptr;
-}
-
 // The state that a file makes of another: what it names is as it says, of children the named
 // ones stay.
 Json merged(const Kop::TypeRecord& type, const Json& state, const Json& file) {
@@ -169,17 +116,14 @@ Json merged(const Kop::TypeRecord& type, const Json& state, const Json& file) {
   for (const EntityMember& member : membersOf(type)) {
     const std::string name(member.record->name);
     const Json* const named = file.find(name);
-    Json value = named ? *named : *state.find(name);
-    if (named && member.isChildren()) {
+    Json old = *state.find(name), value = named ? *named : old;
+    for (std::size_t i = 0; named && member.isChildren() && i < value.items.size(); ++i) {
       const auto parent = type.entity->make("fresh");
-      const Json fresh = stateOf(*member.collection->childIs(
+      Json child = stateOf(*member.collection->childIs(
           *parent, Kop::GenericValue(member.collection->key).get()));
-      for (std::size_t i = 0; i < value.items.size(); ++i) {
-        Json& child =
-            value.is(Json::Kind::object) ? value.items[i] : value.items[i].items[1];
-        const Json* const old = childOf(*state.find(name), value, i);
-        child = merged(childTypeOf(member), old ? *old : fresh, child);
-      }
+      for (std::size_t k = 0; k < old.items.size(); ++k)
+        if (childKey(old, k) == childKey(value, i)) child = childAt(old, k);
+      childAt(value, i) = merged(childTypeOf(member), child, childAt(value, i));
     }
     result.add(name, std::move(value));
   }

@@ -68,8 +68,9 @@ class TablesProcesses : public CtlProcesses {
     ASSERT_TRUE(publisher_->finish(10s));
   }
 
-  // Commands behind $, each with all that it is to say.
-  void expectTranscript(const std::string& text) {
+  void expectTranscript(const std::string& file) {
+    const std::string text = contents(HOUSE_SOURCE_DIR "/tests/tunnelctl/" + file);
+    EXPECT_THAT(text, HasSubstr("\n$ ")) << file;
     for (auto at = text.find("\n$ "); at != text.npos;) {
       const auto end = text.find('\n', at + 1), next = text.find("\n$ ", end);
       const std::string command = text.substr(at + 3, end - at - 3);
@@ -97,52 +98,7 @@ class TablesProcesses : public CtlProcesses {
 // not contribute.
 TEST_F(TablesProcesses, areShown) {
   tellAll();
-  expectTranscript(R"(
-$ table srTunnelTable
-kind      index  endpoint         preference  metric  bandwidth  next hop               name
-IS-IS SR  2      10.0.0.2/32      65          5       1.5        10.1.0.1 Ethernet1     node-10
-IS-IS SR  3      -                65          10      0.0        -                      node-2
-IS-IS SR  4      2001:db8::1/128  65          10      0.0        -                      node-3
-IS-IS SR  1      10.0.0.1/32      65          20      0.0        10.1.0.1 Ethernet1 +1  node-1
-$ -d table srTunnel --name node-1*
-kind      index  endpoint     preference  metric  bandwidth  next hop               interface               name
-IS-IS SR  2      10.0.0.2/32  65          5       1.5        10.1.0.1 Ethernet1     DynamicTunnel7340032.2  node-10
-    via 10.1.0.1  Ethernet1  push
-IS-IS SR  1      10.0.0.1/32  65          20      0.0        10.1.0.1 Ethernet1 +1  DynamicTunnel7340032.1  node-1
-    via 10.1.0.1  Ethernet1  push 16001
-    via 10.1.0.5  Ethernet2  push 16002 16001
-$ -br table srTunnelTable --limit 2
-IS-IS SR  2  10.0.0.2/32
-IS-IS SR  3  -
-$ -br table srTunnelTable --endpoint 2001:db8::/32
-IS-IS SR  4  2001:db8::1/128
-$ table nexthopTunnelTable-fpm
-index  group  hop  address   interface  labels
-256    1      0    10.1.0.1  Ethernet1  push 16001
-257    1      1    10.1.0.5  Ethernet2  push 16002 16001
-512    2      0    10.1.0.1  Ethernet1  push
-$ rib
-agent  table           type       rows
-fpm    ldpTunnelTable  ldpTunnel  1
-fpm    srTunnelTable   srTunnel   4
-
-  endpoint         rows  kind      index  preference  metric  bandwidth  next hop            name
-* 10.0.0.1/32      2     LDP       1      55          100     0.0        -                   ldp
-* 10.0.0.2/32      1     IS-IS SR  2      65          5       1.5        10.1.0.1 Ethernet1  node-10
-* 2001:db8::1/128  1     IS-IS SR  4      65          10      0.0        -                   node-3
-1 row without an endpoint is not shown
-$ -d rib 10.0.0.1
-  endpoint     kind      index  preference  metric  bandwidth  next hop               interface               name
-* 10.0.0.1/32  LDP       1      55          100     0.0        -                      DynamicTunnel3145728.1  ldp
-  10.0.0.1/32  IS-IS SR  1      65          20      0.0        10.1.0.1 Ethernet1 +1  DynamicTunnel7340032.1  node-1
-    via 10.1.0.1  Ethernet1  push 16001
-    via 10.1.0.5  Ethernet2  push 16002 16001
-$ -br names node-1*
-IS-IS SR tunnel index 1  node-1
-IS-IS SR tunnel index 2  node-10
-$ -br names 'LDP tunnel index 1'
-LDP tunnel index 1  ldp
-)");
+  expectTranscript("tables.transcript");
   expectRows("table           | 0 | fpm +srTunnelTable +srTunnel +4 +4 +" +
              std::to_string(getpid()) + R"( +yes
 -d table        | 0 | fpm +nexthopTunnelTable-fpm +nexthopTunnel +3 
