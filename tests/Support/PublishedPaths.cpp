@@ -9,8 +9,6 @@ namespace Support {
 using namespace std::chrono_literals;
 using namespace Tunnel::TunnelTable;
 
-namespace {
-
 TunnelTableEntry rowOf(const Agent::Path& path, TunnelId id, TunnelId firstHop) {
   TunnelTableEntry row(
       id, TunnelEntryPref(TunnelEntryPref::getDefaultPrefForType(path.type)));
@@ -21,6 +19,8 @@ TunnelTableEntry rowOf(const Agent::Path& path, TunnelId id, TunnelId firstHop) 
   row.setName(path.name);
   return row;
 }
+
+namespace {
 
 std::string nameFault(const ProtocolTunnelNameStatus& names, const Published& found) {
   U64 count = 0;

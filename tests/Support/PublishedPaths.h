@@ -38,6 +38,11 @@ std::string read(const Agent::TableDirectory& directory,
 // The same through a connection of its own, which waits until all has arrived.
 Published publishedBy(const std::string& agent, const Hivel::ClientOptions& options);
 
+// The row of a path.
+Tunnel::TunnelTable::TunnelTableEntry rowOf(const Agent::Path& path,
+                                            TunnelId id,
+                                            TunnelId firstHop);
+
 // A path as one line.
 std::string lineOf(const Agent::Path& path);
 

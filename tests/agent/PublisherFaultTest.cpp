@@ -90,9 +90,8 @@ TEST_F(PublisherFault, saysThatAPathWasLost) {
   first.client().process();
   startDaemon();
   Hivel::Client other(clientOptions("intruder"));
-  Hivel::MountOptions mount;
-  mount.entity = tunnelTableBaseFactory("srTunnelTable");
-  other.mountAndWait("tunnel/table/srTunnelTable", Hivel::Mode::replace, mount, patience);
+  other.mountAndWait("tunnel/table/srTunnelTable", Hivel::Mode::replace,
+                     {tunnelTableBaseFactory("srTunnelTable"), {}, true}, patience);
   std::string text = "taken";
   first.client().wait(
       [&] { return (text = refusalOf([&] { first.pathIs(path); })) != "taken"; },
@@ -159,13 +158,7 @@ TEST_F(PublisherFault, takesOverOnlyWhatAPathCanHave) {
   };
   const auto rowIs = [&](Rows& rows, U64 key, TunnelId id, const Path& path,
                          TunnelId hop = TunnelId()) {
-    TunnelTableEntry row(
-        id, TunnelEntryPref(TunnelEntryPref::getDefaultPrefForType(srTunnel)));
-    row.nexthopTunnelIdIs(hop);
-    row.entryMetricIs(path.metric);
-    row.tepIs(path.endpoint);
-    row.setName(path.name);
-    rows.rowIs(idOf(key).value(), row);
+    rows.rowIs(idOf(key).value(), Support::rowOf(path, id, hop));
   };
   Quarn::TableWriter<Scrap>(shm(srTunnel)).rowIs(idOf(11).value(), Scrap());
   {
@@ -183,9 +176,7 @@ TEST_F(PublisherFault, takesOverOnlyWhatAPathCanHave) {
     rowIs(rows, 10, idOf(10), good);
     Hivel::Client client(clientOptions());
     const auto mount = [&](const std::string& path, Kop::Ptr<Kop::Entity> entity) {
-      Hivel::MountOptions given;
-      given.entity = entity;
-      client.mountAndWait(path, Hivel::Mode::replace, given, patience);
+      client.mountAndWait(path, Hivel::Mode::replace, {entity, {}, true}, patience);
     };
     const auto info = tunnelTableInfoCollectionFactory("one");
     info->tableInfoIs(TunnelTableInfo("srTunnelTable", "srTunnel"));

@@ -127,6 +127,7 @@ TEST(FpmRecording, isFoundAgainByTheNextSession) {
 
   Stream second(sink);
   second.feed(part);
+  EXPECT_EQ(sink.changes, changes);
   second.session.timeIs(Session::Time(milliseconds(29'999)));
   EXPECT_EQ(sink.lines(), all) << "before the quiet time is over";
   second.session.timeIs(Session::Time(milliseconds(30'000)));

@@ -9,6 +9,7 @@
 namespace Tunnelctl {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -74,16 +75,15 @@ TEST_F(ApplyProcesses, aWholeRouterIsShownAsItWasApplied) {
 // type, or because another process writes one of its paths.
 TEST_F(ApplyProcesses, whatCannotBeAppliedLeavesEverythingAsItWas) {
   Hivel::Client holder(clientOptions("holder"));
-  Hivel::MountOptions mount;
-  mount.type = "Tunnel::MplsTunnelConfig";
-  holder.mountAndWait(config, Hivel::Mode::adopt, mount, std::chrono::seconds(10));
+  holder.mountAndWait(config, Hivel::Mode::adopt,
+                      {nullptr, "Tunnel::MplsTunnelConfig", true}, 10s);
   const std::string empty = shown();
   const Result held = ctl({"apply", router});
   EXPECT_EQ(held.status, 1);
   EXPECT_THAT(held.err, testing::ContainsRegex("tunnel/mpls/config: .*holder"));
   EXPECT_EQ(shown(), empty);
   holder.unmount(config);
-  ASSERT_TRUE(holder.syncAndWait(std::chrono::seconds(10)));
+  ASSERT_TRUE(holder.syncAndWait(10s));
 
   ASSERT_EQ(ctl({"apply", router}).status, 0);
   const std::string before = shown();

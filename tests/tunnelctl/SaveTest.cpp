@@ -11,6 +11,7 @@
 namespace Tunnelctl {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -24,14 +25,13 @@ class SaveProcesses : public CtlProcesses {
     Hivel::Client writer(clientOptions());
     eachEntityType([&](const Kop::TypeRecord& type) {
       const std::string path = "t/" + Support::replaced(std::string(type.name), ":", ".");
-      Hivel::MountOptions mount;
-      mount.entity = type.entity->make(random.coin() ? "a name\xff" : "");
-      random.fill(*mount.entity);
-      writer.mountAndWait(path, Hivel::Mode::replace, mount, std::chrono::seconds(10));
-      ASSERT_TRUE(writer.syncAndWait(std::chrono::seconds(10)));
+      const auto entity = type.entity->make(random.coin() ? "a name\xff" : "");
+      random.fill(*entity);
+      writer.mountAndWait(path, Hivel::Mode::replace, {entity, {}, true}, 10s);
+      ASSERT_TRUE(writer.syncAndWait(10s));
       writer.unmount(path);
     });
-    ASSERT_TRUE(writer.syncAndWait(std::chrono::seconds(10)));
+    ASSERT_TRUE(writer.syncAndWait(10s));
   }
   std::string saved() {
     const Result result = ctl({"save", "--all"});
@@ -182,7 +182,7 @@ TEST_F(SaveProcesses, aSignalWaitsForTheEndOfApply) {
   ASSERT_TRUE(eventually([&] { return server.process(), held() > 0; })) << apply->err();
   ASSERT_LT(held(), count);
   apply->send(SIGINT);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::this_thread::sleep_for(100ms);
   EXPECT_TRUE(eventually([&] { return server.process(), held() == count; })) << held();
   std::atomic<bool> ended = false;
   std::thread waiter([&] {
