@@ -21,13 +21,13 @@ using testing::HasSubstr;
 
 const std::string abilene = HOUSE_SOURCE_DIR "/examples/abilene.graphml";
 
-// ABILENE in the arguments stands for the graph.
-void expectRows(const char* text, bool stopped = false) {
-  for (const auto& row : Support::rowsOf(Support::replaced(text, "ABILENE", abilene))) {
+void expectRows(const std::vector<std::vector<std::string>>& rows, bool stopped = false) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row[0]);
     std::ostringstream out, err;
     const std::atomic<bool> stop = stopped;
-    const int status = run(Support::wordsOf(row[0]), out, err, stop);
+    const int status = run(
+        Support::wordsOf(Support::replaced(row[0], "ABILENE", abilene)), out, err, stop);
     EXPECT_EQ(status, std::stoi(row[1])) << err.str();
     EXPECT_THAT(status == 0 ? out.str() : err.str(), HasSubstr(row[2]));
     if (status != 0) {
@@ -39,29 +39,9 @@ void expectRows(const char* text, bool stopped = false) {
 // Catches a wrong argument that is taken for another one, an error without its cause, counts
 // of something else, and a run that does not end when it should.
 TEST(Command, answersWithStatusAndText) {
-  expectRows(R"(
-                                                        | 2 | GRAPH is required
-ABILENE --frob                                          | 2 | --frob
-ABILENE --kind gre                                      | 2 | 'gre' is none of bgpLuPushTunnel, bgpLuTunnel, ldp
-ABILENE --kind nexthopTunnel                            | 2 | --kind: 'nexthopTunnel' is none of
-ABILENE --metric miles                                  | 2 | miles
-ABILENE --stack 2                                       | 2 | --stack
-ABILENE --fail-rate 0/s                                 | 2 | --fail-rate
-ABILENE --down 0                                        | 2 | --down
-ABILENE --dry-run --socket /tmp/x                       | 2 | --socket excludes --dry-run
-ABILENE --router Oslo                                   | 1 | router 'Oslo': no name, identifier or label
-/nonexistent                                            | 1 | /nonexistent: open: No such file or directory
-ABILENE --socket /nonexistent/h --timeout 0.1           | 1 | /nonexistent/h
---help                                                  | 0 | --fail-seconds
-ABILENE --dry-run --json                                | 0 | "routers":11,"links":14,"parallelLinks":0
-ABILENE --dry-run --metric hops --json                  | 0 | {"event":"computed","tunnels":110,
-ABILENE --router 'New York'                             | 0 | 10 tunnels,
-ABILENE --changes 20 --fail-rate 1000/s --verbose       | 0 | fails:
-ABILENE --changes 20 --fail-rate 1000/s                 | 0 | to end with none down
-ABILENE --fail-seconds 0.05 --json                      | 0 | "leftDown":0
-)");
+  expectRows(Support::rowsIn("tunnelgen/commands.txt"));
   // Without end, were it not stopped.
-  expectRows("ABILENE --fail-rate 10 --hold | 0 | tunnels", true);
+  expectRows(Support::rowsOf("ABILENE --fail-rate 10 --hold | 0 | tunnels"), true);
 }
 
 struct Held final : Sink {
