@@ -79,9 +79,10 @@ struct Model {
     for (const auto& [key, route] : routes) {
       const auto kind = kinds.find(route.protocol);
       auto hops = route.nextHopId != 0 ? hopsOf(route.nextHopId) : route.hops;
-      const bool ipv6 = !route.switched && route.prefix.af() == Vantor::ipv6;
+      const bool switched = route.switched;
+      const bool ipv6 = !switched && route.prefix.af() == Vantor::ipv6;
       const bool pushes = std::any_of(hops.begin(), hops.end(), [&](const Hop& hop) {
-        return route.switched || hop.labels.count != 0;
+        return switched || hop.labels.count != 0;
       });
       if (kind == kinds.end() || !pushes) continue;
       const auto& [protocol, type] = kind->second;
@@ -89,7 +90,7 @@ struct Model {
       // pop[] comes behind swap, noOperation[] before push
       std::stable_sort(hops.begin(), hops.end(), [&](const Hop& a, const Hop& b) {
         const auto rank = [&](const Hop& hop) {
-          const bool first = (hop.labels.count != 0) == route.switched;
+          const bool first = (hop.labels.count != 0) == switched;
           return std::tuple(hop.interface, !first, hop.labels.labels[0]);
         };
         return rank(a) < rank(b);
