@@ -98,7 +98,9 @@ TEST_F(ApplyProcesses, whatCannotBeAppliedLeavesEverythingAsItWas) {
  {"path": "new", "type": "Tunnel::MplsTunnelConfig"},
  {"path": "tunnel/mpls/config", "type": "Tunnel::Decap::ConfigInput"}])")});
   EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.err, HasSubstr("tunnel/mpls/config: "));
+  EXPECT_THAT(refused.err,
+              HasSubstr("tunnel/mpls/config: it holds an entity of type "
+                        "Tunnel::MplsTunnelConfig, not Tunnel::Decap::ConfigInput"));
   EXPECT_EQ(shown(), before);
 }
 
