@@ -1,3 +1,4 @@
+#include <regex>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -19,23 +20,12 @@ class CompletionProcesses : public CtlProcesses {
   // does, at colons and equals signs.
   std::vector<std::string> bash(const std::string& line,
                                 const std::string& function = "_tunnelctl") {
-    std::string words, piece;
+    static const std::regex word("[:=]+|[^ :=]+");
+    std::string words;
     int count = 0;
-    const auto end = [&](bool always) {
-      if (always || !piece.empty()) words += "'" + piece + "' ", ++count;
-      piece.clear();
-    };
-    for (const char c : line) {
-      const bool isBreak = c == ':' || c == '=';
-      if (c == ' ') {
-        end(false);
-        continue;
-      }
-      if (!piece.empty() && isBreak != (piece.back() == ':' || piece.back() == '='))
-        end(false);
-      piece += c;
-    }
-    end(line.ends_with(' '));
+    for (std::sregex_iterator at(line.begin(), line.end(), word), end; at != end; ++at)
+      words += "'" + at->str() + "' ", ++count;
+    if (line.ends_with(' ')) words += "''", ++count;
     return run({"/bin/bash", "-c",
                 ". " HOUSE_SOURCE_DIR "/completions/tunnelctl.bash; COMP_WORDS=(" +
                     words + "); COMP_CWORD=" + std::to_string(count - 1) + "; " +

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Kop/Module.h"
+#include "Tunnel/DecapGroupHivelTypes.h"
 #include "apps/tunnelctl/Monitor.h"
 #include "tests/tunnelctl/RandomValues.h"
 
@@ -70,22 +70,17 @@ TEST(EntityWatch, changesAddUpToTheState) {
 
 // Catches a watch that goes on hearing of a child that was removed.
 TEST(EntityWatch, forgetsRemovedChildren) {
-  const auto* const type = Kop::findType("Tunnel::Decap::ConfigInput");
-  ASSERT_TRUE(type);
-  const auto entity = type->entity->make("x");
-  const EntityMember groups = membersOf(*type)[1];
-  ASSERT_TRUE(groups.isChildren());
-  const Kop::String name("red");
-  const auto child = groups.collection->childIs(*entity, &name);
+  const auto entity = Tunnel::Decap::configInputFactory("x");
+  const auto child = entity->decapGroupIs("red");
   U64 count = 0;
   const ChangeSink sink = [&](const Change&) { ++count; };
   {
     const EntityWatch watch(entity, "", sink, false);
     EXPECT_EQ(child->notifieeCount(), 1u);
-    groups.collection->del(*entity, &name);
+    entity->decapGroupDel("red");
     EXPECT_EQ(count, 1u);
     EXPECT_EQ(child->notifieeCount(), 0u);
-    groups.collection->childIs(*entity, &name);
+    entity->decapGroupIs("red");
     EXPECT_EQ(count, 2u);
   }
   EXPECT_EQ(entity->notifieeCount(), 0u);
