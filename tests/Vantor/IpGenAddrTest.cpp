@@ -69,26 +69,14 @@ TEST(IpGenAddrText, agreesWithTheSystem) {
   std::mt19937_64 random(4291);
   const auto below = [&](U64 limit) { return random() % limit; };
   constexpr char alphabet[] = "00123456789abcdefABCDEFg::::.... ";
-  int taken = 0, refused = 0;
+  constexpr const char* seeds[] = {
+      "1.22.255.0",           "::",         "1:2:3:4:5:6:7:8",
+      "::ffff:1.2.3.255",     "1::2:0:0:3", "a::",
+      "2001:DB8:0:0:1::0001", "::1.2.3.4",  "0:0:1:0:0:0:0:fFff"};
+  int taken = 0;
   for (int i = 0; i < 200000; ++i) {
-    std::string text;
-    if (below(4) == 0) {
-      for (int part = 0; part < 4; ++part)
-        text += (part ? "." : "") + std::to_string(below(260));
-    } else {
-      char group[8];
-      for (U64 n = 6 + below(3), k = 0; k < n; ++k) {
-        std::snprintf(group, sizeof group, below(2) ? "%x" : "%04X",
-                      static_cast<unsigned>(below(2) ? 0 : random() & 0xffff));
-        text += (k ? ":" : "") + std::string(group);
-      }
-      if (below(3) == 0) text += ":1.2.3." + std::to_string(below(300));
-      if (below(2)) {  // leave groups out
-        const auto at = text.find(':', below(text.size())), size = below(16);
-        if (at != text.npos) text.replace(at, size, "::");
-      }
-    }
-    for (U64 n = below(3); n > 0 && !text.empty(); --n) {
+    std::string text = seeds[below(std::size(seeds))];
+    for (U64 n = below(4); n > 0 && !text.empty(); --n) {
       const auto at = below(text.size());
       const char c = alphabet[below(sizeof alphabet - 1)];
       switch (below(3)) {
@@ -97,31 +85,28 @@ TEST(IpGenAddrText, agreesWithTheSystem) {
         default: text.erase(at, 1);
       }
     }
-    if (text.empty()) continue;
-
     U8 bytes[16] = {};
-    const bool isIpv6 = text.find(':') != text.npos;
-    const bool isAddr = inet_pton(isIpv6 ? AF_INET6 : AF_INET, text.c_str(), bytes) == 1;
-    (isAddr ? taken : refused) += 1;
+    const int family = text.find(':') != text.npos ? AF_INET6 : AF_INET;
+    const bool isAddr = inet_pton(family, text.c_str(), bytes) == 1;
+    taken += isAddr;
     try {
       const IpGenAddr addr{Kop::String(text)};
-      ASSERT_TRUE(isAddr) << text;
-      ASSERT_EQ(addr.af(), isIpv6 ? ipv6 : ipv4) << text;
+      ASSERT_TRUE(isAddr || text.empty()) << text;
+      if (!isAddr) continue;
+      ASSERT_EQ(addr.af(), family == AF_INET6 ? ipv6 : ipv4) << text;
       ASSERT_EQ(std::memcmp(addr.bytes(), bytes, sizeof bytes), 0) << text;
-      char written[INET6_ADDRSTRLEN];
-      inet_ntop(isIpv6 ? AF_INET6 : AF_INET, bytes, written, sizeof written);
-      const bool isCompatible = isIpv6 &&
-                                std::string(written).find('.') != std::string::npos &&
-                                std::string(written).rfind("::ffff:", 0) != 0;
-      if (!isCompatible) {
-        ASSERT_EQ(addr.stringValue(), written);
-      }
+      char buffer[INET6_ADDRSTRLEN];
+      const std::string written = inet_ntop(family, bytes, buffer, sizeof buffer);
+      const bool isCompatible =
+          written.find(":") != written.npos && written.find('.') != written.npos;
+      ASSERT_TRUE(addr.stringValue() == written ||
+                  (isCompatible && !written.starts_with("::ffff:")))
+          << text;
     } catch (const Kop::Exception&) {
       ASSERT_FALSE(isAddr) << text;
     }
   }
-  EXPECT_GT(taken, 20000);
-  EXPECT_GT(refused, 20000);
+  EXPECT_TRUE(taken > 20000 && taken < 180000) << taken;
 }
 
 // Catches an allocation on the way of addresses that are read and written in bulk.
