@@ -47,67 +47,26 @@ Log difference(const EntityDump& before, const EntityDump& now) {
   return Log(paths.begin(), paths.end());
 }
 
-Log sorted(const Log& log) {
-  const std::set<std::string> paths(log.begin(), log.end());
-  return Log(paths.begin(), paths.end());
-}
-
-// Makes `to` equal to `from` by reflection alone.
-void mirror(Kop::Entity& from, Kop::Entity& to) {
-  for (const auto& attr : from.kopTable().attrs) {
-    const Kop::KopAttr handle{from.fwkType(), attr.number};
-    if (!attr.collection) {
-      Kop::GenericValue value(
-          Kop::typeRecord(handle.type).member(attr.number)->ops->type);
-      EXPECT_TRUE(entityAttributeOp(handle, EntityOp::get, from, {}, {}, value.get()));
-      EXPECT_TRUE(entityAttributeOp(handle, EntityOp::set, to, {}, value.get(), {}));
-      continue;
-    }
-    bool isThere, yes = true;
-    for (const auto it = entityIterator(handle, to); it->iterNonnull(); it->iterInc()) {
-      const void* const key = it->iterKey();
-      EXPECT_TRUE(entityAttributeOp(handle, EntityOp::has, from, key, {}, &isThere));
-      if (!isThere) it->iterDel();
-    }
-    for (const auto it = entityIterator(handle, from); it->iterNonnull(); it->iterInc()) {
-      const void* const key = it->iterKey();
-      const void* const value = it->iterValue();
-      EXPECT_TRUE(
-          entityAttributeOp(handle, EntityOp::set, to, key, value ? value : &yes, {}));
-      Ptr<Kop::Entity> made;
-      if (const auto child = it->iterObj()) {
-        EXPECT_TRUE(entityAttributeOp(handle, EntityOp::get, to, key, {}, &made));
-        mirror(*child, *made);
-      }
-    }
-  }
-}
-
-// Catches a notification for nothing, none for a change, two for one, or another key; and
-// reflection that reads, writes, walks or tells other than the typed calls.
-TEST(EntityNotify, tellsEachChangeOnceAndReflectionTellsTheSame) {
+// Catches a notification for nothing, none for a change, two for one, or another key. That
+// reflection writes and tells the same is tested with the types of the library.
+TEST(EntityNotify, tellsEachChangeOnce) {
   Random random(9);
-  const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("c");
+  Log log;
+  Recorder recorder(log);
+  const auto tree = TallTree::TallTreeIs("t");
   TreeModel model = dump(*tree);
-  Log log, copyLog;
-  Recorder recorder(log), copyRecorder(copyLog);
   tree->notifieeAdd(&recorder);
-  copy->notifieeAdd(&copyRecorder);
   for (U32 serial = 0; serial < 1500; ++serial) {
-    const TreeModel before = model, copyBefore = dump(*copy, false);
-    log.clear(), copyLog.clear();
+    const TreeModel before = model;
+    log.clear();
     randomWrite(random, *tree, model, serial / 2, serial % 10);
-    if (serial % 10 == 0) log = sorted(log);  // may be several changes
+    if (serial % 10 == 0) {  // may be several changes
+      const std::set<std::string> once(log.begin(), log.end());
+      log.assign(once.begin(), once.end());
+    }
     ASSERT_EQ(log, difference(before, model)) << serial;
     ASSERT_EQ(dump(*tree), model) << serial;
-    if (serial % 4 != 0) continue;
-    mirror(*tree, *copy);
-    const EntityDump now = dump(*copy, false);
-    ASSERT_EQ(sorted(copyLog), difference(copyBefore, now)) << serial;
-    ASSERT_EQ(now, dump(*tree, false)) << serial;
   }
-  tree->notifieeDel(&recorder);
-  copy->notifieeDel(&copyRecorder);
 }
 
 // Catches reflection that takes one kind of attribute for another, and answers that are

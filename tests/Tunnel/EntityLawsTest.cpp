@@ -15,6 +15,7 @@ namespace {
 
 using Kop::CollectionKind;
 using Kop::Entity;
+using Kop::EntityOp;
 using Kop::GenericValue;
 using Kop::MemberRecord;
 using Samples::Random;
@@ -65,14 +66,20 @@ void change(Random& random, Entity& entity) {
   Log log;
   Recorder recorder(log, "", type);
   entity.notifieeAdd(&recorder);
+  const auto does = [&](EntityOp op, const void* key, const void* value, void* result) {
+    const Kop::KopAttr attribute{entity.fwkType(), member.number};
+    return Kop::entityAttributeOp(attribute, op, entity, key, value, result);
+  };
   const U32 what = random() % 100;
   if (!member.ops->collection) {
     const auto value = Samples::sample(random, *member.ops->type);
-    member.ops->set(entity, value.get());
+    GenericValue got(value.type());
+    EXPECT_TRUE(does(EntityOp::set, nullptr, value.get(), nullptr));
+    EXPECT_TRUE(does(EntityOp::get, nullptr, nullptr, got.get()) && got == value);
     is(value);
   } else if (what == 0) {
     const U32 count = member.ops->collection->count(entity);
-    member.ops->collection->delAll(entity);
+    EXPECT_TRUE(does(EntityOp::del, nullptr, nullptr, nullptr));
     EXPECT_EQ(log.size(), count);
     log.clear();
     erase();
@@ -82,15 +89,17 @@ void change(Random& random, Entity& entity) {
     path += '/' + std::string(key.text().c_str());
     const bool isThere = before.contains(path), isChild = !ops.value;
     const U32 others = ops.count(entity) - isThere;
-    const auto child = isChild ? ops.child(entity, key.get()) : nullptr;
-    EXPECT_EQ(isThere,
-              isChild ? child != nullptr : ops.find(entity, key.get()) != nullptr);
+    Kop::Ptr<Entity> child, made;
+    bool has = false;
+    EXPECT_TRUE(does(EntityOp::has, key.get(), nullptr, &has) && has == isThere);
+    EXPECT_TRUE(!isChild || does(EntityOp::get, key.get(), nullptr, &child) == isThere);
     if (what < 30) {
-      EXPECT_EQ(ops.del(entity, key.get()), isThere);
+      EXPECT_EQ(does(EntityOp::del, key.get(), nullptr, nullptr), isThere);
       EXPECT_TRUE(!child || !child->parent());
       erase();
     } else if (isChild) {
-      const auto made = ops.childIs(entity, key.get());
+      EXPECT_TRUE(does(EntityOp::set, key.get(), nullptr, nullptr));
+      EXPECT_TRUE(does(EntityOp::get, key.get(), nullptr, &made));
       EXPECT_TRUE(made->parent() == &entity && (!child || child == made));
       for (U32 left = random() % 8; left > 0; --left)
         change(random, *made);
@@ -102,7 +111,7 @@ void change(Random& random, Entity& entity) {
     } else {
       auto value = Samples::sample(random, *ops.value);
       if (ops.kind == CollectionKind::internalMap) keyIs(ops, value, key);
-      ops.set(entity, key.get(), value.get());
+      EXPECT_TRUE(does(EntityOp::set, key.get(), value.get(), nullptr));
       if (ops.kind == CollectionKind::set)
         wanted[path];
       else
