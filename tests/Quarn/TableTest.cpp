@@ -285,9 +285,14 @@ namespace {
 struct OtherRecord : TestRecord {
   static constexpr std::string_view tableKind = "OtherRecord";
 };
+struct LongerRecord : TestRecord {
+  using TestRecord::TestRecord;
+  U32 serializeLen() const { return TestRecord::serializeLen() + 2; }
+};
 }  // namespace
 
-// Catches an object of somebody else that is taken for a table, or overwritten.
+// Catches an object of somebody else that is taken for a table, or overwritten, and a row that
+// is given although it is no record.
 TEST(TableOpen, refusals) {
   const TestName name("refused");
   const auto says = [](const std::string& text) {
@@ -307,6 +312,10 @@ TEST(TableOpen, refusals) {
     EXPECT_THAT([&] { writer.rowIs(1, TestRecord(1, 1, 17 << 20)); },
                 testing::ThrowsMessage<Kop::Exception>(HasSubstr("at most 16777216")));
   }
+  Quarn::TableWriter<LongerRecord>(name).rowIs(1, LongerRecord(1, 1, 1));
+  TestRecord record;
+  EXPECT_THAT([&] { TestReader(name).row(1, record); },
+              says("its length is not that of its content"));
   const int fd = ::shm_open(name.text().c_str(), O_RDWR, 0);
   const U64 wrong = ~U64{0};
   ASSERT_EQ(::pwrite(fd, &wrong, 8, static_cast<off_t>(Layout::areasOffset + 64)), 8);
