@@ -106,6 +106,7 @@ TEST(EntityReflection, answersForWhatThereIs) {
 TEST(EntityDestruction, detachesChildrenThenObserversThenDropsTheMaps) {
   Log log;
   Recorder recorder(log), childRecorder(log, "child ");
+  Kop::Notifiee deaf;
   const U64 before = TallTree::kopAllocTrack().live(),
             branches = Branch::kopAllocTrack().live();
   {
@@ -127,6 +128,7 @@ TEST(EntityDestruction, detachesChildrenThenObserversThenDropsTheMaps) {
     const auto kept = tree->branchIs("b");
     kept->leafIs("deep")->spotIs(1, true);
     kept->notifieeAdd(&childRecorder);
+    kept->notifieeAdd(&deaf);
     tree->notifieeAdd(&recorder);
     EXPECT_GE(TallTree::kopAllocTrack().bytes(), sizeof(TallTree));
     tree = nullptr;

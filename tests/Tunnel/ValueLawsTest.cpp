@@ -84,6 +84,8 @@ GenericValue flipped(const GenericValue& map) {
         const GenericValue fresh(copy.type()->elements->value);
         copy.type()->elements->insert(copy.get(), key, fresh.get());
       });
+  EXPECT_EQ(map.type()->elements->count(flip.get()),
+            map.type()->elements->count(map.get()));
   return flip;
 }
 
