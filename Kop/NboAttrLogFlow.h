@@ -16,7 +16,6 @@ class KOP_EXPORT CollFlow {
   virtual ~CollFlow();
   virtual U32 dirtyCount() const = 0;
   virtual void clear() = 0;
-  virtual bool bookmarked() const = 0;
   virtual void bookmarkClear() = 0;
 };
 
@@ -34,7 +33,6 @@ class CollFlowOf : public CollFlow {
     drainAt.reset();
     second.clear();
   }
-  bool bookmarked() const override { return bookmark.has_value(); }
   void bookmarkClear() override { bookmark.reset(); }
 
   // Sent or changed again: no mark is needed any more.

@@ -272,8 +272,6 @@ void EntitySa::onParent() {
   if (parent_ && entity_->parent() != parent_->entity_.get()) session_.retire(*this);
 }
 
-void EntitySa::onDetached() {}
-
 EntitySa::Check EntitySa::collSerializeCheck(AttributeId collection, MessageKind) {
   if (!session_.mayWrite() || (flow_ && !flow_->kopHasSynced(collection)))
     return {nullptr, flow_.get()};

@@ -224,7 +224,6 @@ class KOP_EXPORT EntitySa final : public Notifiee {
   void onAttribute(AttributeId attribute) override;
   void onAttribute(AttributeId attribute, const void* key) override;
   void onParent() override;
-  void onDetached() override;
 
   // Writing. The output is given when a change of the attribute may be written now: the
   // stream has room, nothing must be passed, and the collection's walk is over.
