@@ -248,6 +248,7 @@ TEST(TableCorrupt, eachWrongWordIsNamed) {
       {index.words() + 1023 * 8, head(first), "two words of the index"},
       {slot, 0, "is being written"},
       {slot + 8, 77777, "is not that of key 0x12fd1"},
+      {slot + 16, 1 << 24, "has a row of 16777216 bytes, the object has"},
       {slot + 16, ~U64{0}, "has a row of 4294967295 bytes"},
       {slot + 16, head(slot + 16) ^ 1, "checksum of the row"},
       {slot + 24, ~U64{0}, "checksum of the row"},

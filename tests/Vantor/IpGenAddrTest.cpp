@@ -50,9 +50,9 @@ void expectRefused(const char* text, Refusal wanted) {
 
 // Catches a reader that guesses, and an error that does not name what was found.
 TEST(IpGenAddrText, refused) {
-  for (const char* text :
-       {"10.0.0", "010.0.0.1", "10.0.0.1 ", "1", ":::", "1::2::3", "12345::", "::1.2.3",
-        "fe80::1%eth0", "::1/64", "[::1]", "+1.0.0.0", "0x0a.0.0.1"})
+  for (const char* text : {"10.0.0", "010.0.0.1", "10.0.0.1 ", "1", ":::", "1::2::3",
+                           "12345::", "::1.2.3", "1::2:3:4:5:6:7:1.2.3.4", "fe80::1%eth0",
+                           "::1/64", "[::1]", "+1.0.0.0", "0x0a.0.0.1"})
     expectRefused<IpGenAddr>(text, malformed);
   for (const char* text :
        {"256.0.0.0", "1.2.3.1000", "::ffff:1.2.3.256", "1.2.3.99999999999999999999"})
