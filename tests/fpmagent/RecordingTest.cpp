@@ -123,6 +123,7 @@ TEST(FpmRecording, isFoundAgainByTheNextSession) {
   const U64 changes = sink.changes;
   first.feed(bytes);
   EXPECT_EQ(sink.changes, changes);
+  EXPECT_FALSE(first.session.due());
   const auto all = sink.lines();
 
   Stream second(sink);
