@@ -46,6 +46,7 @@ static U32 attrLogSize(const Slot&) {
   return 4;
 }
 struct Index {
+  explicit constexpr Index(U8 number) : at(number) {}
   U8 at;
   U8 value() const { return at; }
 };
