@@ -253,6 +253,20 @@ function(house_example name)
   endif()
 endfunction()
 
+# The flags that all test programs share.
+function(house_test_flags name)
+  house_flags(${name})
+  # What is tested is in the libraries, but for templates. Optimising the tests themselves takes
+  # most of a build: under the sanitizers 101 s instead of 24 s for the worst source, and 23 s
+  # instead of 15 s with -O2 instead of -O1.
+  if(HOUSE_SANITIZED)
+    target_compile_options(${name} PRIVATE -O0)
+  elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+    target_compile_options(${name} PRIVATE -O1)
+  endif()
+  target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest)
+endfunction()
+
 # house_test(Kop SOURCES FooTest.cpp ... [DEPENDS target ...] [RUNS command ...])
 #
 # One test program `kop_tests` for one library. RUNS names commands of ours that the tests
@@ -264,14 +278,11 @@ function(house_test library)
   string(TOLOWER ${library} lower)
   set(name ${lower}_tests)
   add_executable(${name} ${arg_SOURCES})
-  house_flags(${name})
-  # What is tested is in the libraries. Under the sanitizers optimising the tests themselves
-  # takes most of a build: 101 s instead of 24 s for the worst source.
-  if(HOUSE_SANITIZED)
-    target_compile_options(${name} PRIVATE -O0)
+  house_test_flags(${name})
+  if(TARGET tests_precompiled)
+    target_precompile_headers(${name} REUSE_FROM tests_precompiled)
   endif()
-  target_link_libraries(${name} PRIVATE ${library} ${arg_DEPENDS} GTest::gmock
-                        GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${library} ${arg_DEPENDS} GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_definitions(${name} PRIVATE
                              HOUSE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"

@@ -1,0 +1,2 @@
+// Has no test: the headers that this program precompiles are those of all the others.
+int main() {}
