@@ -38,9 +38,11 @@ std::vector<PlannedEntry> planChildren(const EntityMember& member,
   const Kop::TypeOps& keyType = *member.collection->key;
   std::vector<PlannedEntry> entries;
   std::unordered_set<std::string> seen;
-  const auto add = [&](GenericValue key, const Json& child, const Where& at) {
+  const auto once = [&](const GenericValue& key, const Json& there, const Where& at) {
     if (!seen.insert(std::string(key.text())).second)
-      fail(child, at, "this key stands twice");
+      fail(there, at, "this key stands twice");
+  };
+  const auto add = [&](GenericValue key, const Json& child, const Where& at) {
     PlannedEntry entry;
     entry.key = std::move(key);
     entry.child = std::make_unique<PlannedEntity>(
@@ -53,8 +55,10 @@ std::vector<PlannedEntry> planChildren(const EntityMember& member,
     const Json& item = json.items[i];
     if (json.is(Json::Kind::object)) {
       const Where at{&where, json.names[i]};
-      add(keyFromName(keyType, json.names[i], item.line, at, Numbers::declared), item,
-          at);
+      GenericValue read =
+          keyFromName(keyType, json.names[i], item.line, at, Numbers::declared);
+      once(read, item, at);
+      add(std::move(read), item, at);
       continue;
     }
     const std::string index = "[" + std::to_string(i) + "]";
@@ -65,7 +69,9 @@ std::vector<PlannedEntry> planChildren(const EntityMember& member,
       fail(item, at,
            "found " + item.summary() + ", expected {\"key\": .., \"value\": ..}");
     GenericValue read(&keyType);
-    fromJson(keyType, read.get(), *key, Where{&at, "key"}, Numbers::declared);
+    const Where keyAt{&at, "key"};
+    fromJson(keyType, read.get(), *key, keyAt, Numbers::declared);
+    once(read, *key, keyAt);
     add(std::move(read), *value, Where{&at, "value"});
   }
   return entries;
