@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "Kop/EntityImpl.h"
 #include "LogLink.h"
@@ -87,6 +87,7 @@ TEST(EntryPoints, findTypesEnumeratorsAndAttributes) {
   U16 width = 0;
   EXPECT_TRUE(valueAttributeOp({place, 9}, AttributeOp::get, &value, nullptr, &width));
   EXPECT_EQ(width, 7);
+  EXPECT_THAT(TallTree::kopAllocTrack().typeName(), testing::HasSubstr("TallTree"));
   EXPECT_FALSE(valueAttributeOp({place, 99}, AttributeOp::get, &value, nullptr, &width));
 }
 

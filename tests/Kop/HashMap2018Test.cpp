@@ -110,6 +110,7 @@ struct HashMap2018Random : ::testing::Test {
   void expectEqual() const {
     map.verify();
     ASSERT_EQ(map.count(), model.size());
+    ASSERT_GE(map.memory(), map.count() * sizeof(*map.begin()));
     auto expected = model.begin();
     for (const auto& node : map) {
       ASSERT_TRUE(node.key() == expected->first && node.value == expected->second);

@@ -96,9 +96,16 @@ Published publishedBy(const std::string& agent, const Hivel::ClientOptions& opti
   directory.follow(agent);
   EXPECT_TRUE(directory.wait(20s));
   Published found;
-  if (!directory.tables().empty()) {
-    EXPECT_EQ(read(directory, agent, found), "");
-  }
+  std::string fault;
+  // A row is seen before its hops and its name are.
+  client.wait(
+      [&] {
+        found = {};
+        fault = directory.tables().empty() ? "" : read(directory, agent, found);
+        return fault.empty();
+      },
+      20s);
+  EXPECT_EQ(fault, "");
   return found;
 }
 
