@@ -416,7 +416,11 @@ endfunction()
 # The target `reference` builds the reference of the public headers and of the pages of doc/ into
 # doc/html of the build tree. CTest builds it too: what Doxygen warns of is an error.
 function(house_reference)
-  find_program(HOUSE_DOXYGEN doxygen)
+  if(HOUSE_TESTS)
+    find_program(HOUSE_DOXYGEN doxygen REQUIRED)
+  else()
+    find_program(HOUSE_DOXYGEN doxygen)
+  endif()
   if(NOT HOUSE_DOXYGEN)
     return()
   endif()

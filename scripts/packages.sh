@@ -14,6 +14,7 @@ packages='
   libcli11-dev rapidjson-dev libspdlog-dev libsystemd-dev
   libpugixml-dev libmnl-dev iproute2
   systemd|systemd-standalone-sysusers
+  doxygen abigail-tools gcovr
 '
 
 if [ "${1:-}" = --list ]; then
