@@ -30,12 +30,6 @@ Bytes frame(U8 kind, U64 identity, U32 attribute, const std::string& body) {
     bytes.push_back(static_cast<U8>(std::stoi(digits.substr(i, 2), nullptr, 16)));
   return bytes;
 }
-std::vector<Bytes> taken(Stream& stream) {
-  const Bytes bytes = bytesOf(stream.out());
-  stream.out().consume(bytes.size());
-  return framesOf(bytes);
-}
-
 // With every collection filled.
 void fill(const Kop::Ptr<TallTree>& tree) {
   TreeModel model = dump(*tree);

@@ -15,12 +15,6 @@ namespace {
 using Kop::AttributeOp;
 using Kop::NboAttrLog::In;
 
-std::vector<Bytes> taken(Stream& stream) {
-  const Bytes bytes = bytesOf(stream.out());
-  stream.out().consume(bytes.size());
-  return framesOf(bytes);
-}
-
 TEST(EntryPoints, sendAndTakeWhatASessionDoes) {
   using Type = Kop::TypeImpl<TallTree>;
   const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");

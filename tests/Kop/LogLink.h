@@ -31,6 +31,12 @@ inline std::vector<Bytes> framesOf(const Bytes& bytes) {
                         bytes.begin() + static_cast<long>(at + 4 + wordAt(bytes, at)));
   return frames;
 }
+// The frames that wait in a stream, which are taken out.
+inline std::vector<Bytes> taken(Stream& stream) {
+  const Bytes bytes = bytesOf(stream.out());
+  stream.out().consume(bytes.size());
+  return framesOf(bytes);
+}
 
 // The adapter of a writer, which is the entity's first observer.
 inline EntitySa& adapterOf(Kop::Entity& entity) {
