@@ -49,7 +49,7 @@ struct TableReport {
   U64 faultCount = 0;
   U64 rows = 0;  // sound rows seen
   bool settled =
-      true;  // false: the writer changed the table all the while, so that counts
+      true;  // false: the writer was at a change all the while, so that counts
              // were not compared; rows were checked all the same
   bool ok() const { return faultCount == 0; }
 };

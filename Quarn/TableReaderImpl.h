@@ -35,6 +35,13 @@ class TableReaderImpl {
     return TableLayout::load(&object.header().index, __ATOMIC_ACQUIRE);
   }
 
+  // The ring names the change after number `changes`: the writer is at it, or died at it.
+  bool isUnderWay(U64 changes) const {
+    using namespace TableLayout;
+    const U64 at = ringOffset + (changes + 1) % ringCount * sizeof(RingEntry);
+    return load(object.at(at), __ATOMIC_ACQUIRE) == changes + 1;
+  }
+
   // The index of a word of Header::index; false: fault.
   bool indexOf(U64 packed, TableLayout::Index& out);
   // The row that index word `word`, at offset `place`, points to. Only a row of key *key, if

@@ -41,8 +41,10 @@ class TableScan {
  public:
   TableScan(TableReaderImpl&, U64 packedIndex);
 
-  enum class Count : U8 { compared, ignored };  // the count of rows in the header
-  void run(Count = Count::compared);
+  // How the count of rows in the header has to agree: a change under way may be made and not
+  // counted.
+  enum class Count : U8 { exact, withinOne, ignored };
+  void run(Count);
   // Adds the faults that are faults only when nobody changed the table in the meantime.
   void settle();
 
@@ -54,7 +56,7 @@ class TableScan {
  private:
   void rows(const TableLayout::Index&, Count);
   void ring();
-  void row(U64 place, U64 at, U64 word, const TableLayout::Index&);
+  void row(U64 at, const TableLayout::Index&);
   [[gnu::format(printf, 2, 3)]] void add(const char* format, ...);
   [[gnu::format(printf, 2, 3)]] void addIfSettled(const char* format, ...);
 

@@ -140,7 +140,6 @@ void TableWriterCore::Impl::copyOut(U64 word, RowBytes& out) {
 // Takes over what an earlier writer left: checks all of it, finishes the change that it was at,
 // and finds out which slots are free.
 void TableWriterCore::Impl::recover() {
-  reader.grow();
   const U64 packed = reader.index();
   changes = reader.changes();
   TableScan sound(reader, packed);
@@ -177,9 +176,7 @@ void TableWriterCore::Impl::recover() {
     if (!isUsed) areaGive(area.offset, area.size);
   }
   // Made or not, it is told: the ring names the row.
-  const U64 number = changes + 1;
-  if (load(base() + ringOffset + number % ringCount * sizeof(RingEntry)) == number)
-    count(number);
+  if (reader.isUnderWay(changes)) count(changes + 1);
 }
 
 // Has memory for `size` more bytes at the end of the object.
@@ -226,6 +223,8 @@ U64 TableWriterCore::Impl::areaTake(U64 size) {
     store(&object.header().size, offset + size, __ATOMIC_RELEASE);
     return offset;
   }
+  // A reader that sees a word of the new use sees afterwards that the old one was over.
+  __atomic_thread_fence(__ATOMIC_RELEASE);
   offset = best->first;
   if (const U64 rest = best->second - size; rest > 0) {
     areaIs(offset + size, AreaKind::free, 0);
