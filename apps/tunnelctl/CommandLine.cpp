@@ -27,6 +27,7 @@ struct Arguments {
   TunnelIdParts parts;
   std::string algorithm;
   std::string type, text, json;
+  bool allTypes = false;
   RecordOptions record;
   std::string hex;
   TableOptions table;
@@ -178,8 +179,10 @@ class Command {
   void addTypes() {
     auto* const types = app_.add_subcommand("types", "Modules, types and their members");
     types->add_option("NAME", a_.type, "a module or a type");
-    does(types,
-         [this](const Context& context) { return Tunnelctl::types(context, a_.type); });
+    types->add_flag("--all", a_.allTypes, "modules whole, a line for each type and member");
+    does(types, [this](const Context& context) {
+      return Tunnelctl::types(context, a_.type, a_.allTypes);
+    });
 
     auto* const value =
         app_.add_subcommand("value", "Read a value from text or JSON, print it");

@@ -1,5 +1,6 @@
 #include <ostream>
 
+#include "Kop/NboAttrLogSa.h"
 #include "Kop/Exception.h"
 #include "apps/tunnelctl/ValueJson.h"
 #include "apps/tunnelctl/Verbs.h"
@@ -67,7 +68,46 @@ Json describeType(const TypeRecord& type) {
   return json;
 }
 
-Json describeMember(const TypeRecord& type, const Kop::MemberRecord& member) {
+// An object as it is made, to read members of: a value, or an entity that is in no database. A
+// child is made by an entity of a type that has such children.
+class Instance {
+ public:
+  explicit Instance(const TypeRecord& type) {
+    if (type.value)
+      value_ = GenericValue(type.value->ops);
+    else if (type.entity && type.entity->make)
+      entity_ = type.entity->make("");
+    else if (type.entity)
+      makeChild(type);
+  }
+  // Where the member stands; null: nowhere, as a function or a collection of an entity.
+  const void* at(const Kop::MemberRecord& member) const {
+    if (!member.ops || !member.ops->at) return nullptr;
+    return member.ops->at(value_.get() ? value_.get() : entity_.get());
+  }
+
+ private:
+  void makeChild(const TypeRecord& type) {
+    for (const auto* const module : Kop::modules())
+      for (const TypeRecord& other : module->types) {
+        if (!other.entity || !other.entity->make) continue;
+        for (const auto& attribute : other.entity->attrs) {
+          const Kop::CollectionOps* const ops = attribute.collection;
+          if (!ops || !ops->childType || ops->childType() != &type) continue;
+          parent_ = other.entity->make("");
+          entity_ = ops->childIs(*parent_, GenericValue(ops->key).get());
+          return;
+        }
+      }
+  }
+
+  GenericValue value_;
+  Kop::Ptr<Kop::Entity> parent_, entity_;
+};
+
+Json describeMember(const TypeRecord& type,
+                    const Kop::MemberRecord& member,
+                    const Instance& instance) {
   Json json = Json::object();
   if (type.kind == Kop::Kind::enumeration) {
     json.add("number", Json::number(U64{member.value}));
@@ -77,12 +117,6 @@ Json describeMember(const TypeRecord& type, const Kop::MemberRecord& member) {
   std::string arguments;
   for (const std::string_view argument : member.arguments)
     arguments += (arguments.empty() ? "" : ", ") + str(argument);
-  Json initial;
-  if (member.kind == MemberKind::constant && member.ops && member.ops->at)
-    initial = toJson(*member.ops->type, member.ops->at(nullptr));
-  else if (type.value && member.kind == MemberKind::attribute)
-    initial =
-        toJson(*member.ops->type, member.ops->at(GenericValue(type.value->ops).get()));
   json.add("number", Json::number(U64{member.number}));
   json.add("name", Json::string(str(member.name)));
   json.add("kind", Json::string(kindName(member.kind)));
@@ -90,18 +124,27 @@ Json describeMember(const TypeRecord& type, const Kop::MemberRecord& member) {
   const bool isCollection = member.kind == MemberKind::collection;
   json.add(isCollection ? "key" : "arguments",
            arguments.empty() ? Json() : Json::string(arguments));
-  json.add("value", std::move(initial));
+  const void* const at = isCollection ? nullptr : instance.at(member);
+  json.add("value", at ? toJson(*member.ops->type, at) : Json());
+  return json;
+}
+
+Json describeMembers(const TypeRecord& type) {
+  const Instance instance(type);
+  Json members = Json::array();
+  for (const Kop::MemberRecord& member : type.members)
+    members.push(describeMember(type, member, instance));
+  return members;
+}
+Json describeWhole(const TypeRecord& type) {
+  Json json = describeType(type);
+  json.items.back() = describeMembers(type);
   return json;
 }
 
 int showType(const Context& context, const TypeRecord& type) {
-  Json members = Json::array();
-  for (const Kop::MemberRecord& member : type.members)
-    members.push(describeMember(type, member));
   if (context.style.json) {
-    Json json = describeType(type);
-    json.items.back() = std::move(members);
-    printJson(context.out, context.style, Json(Json::array().push(std::move(json))));
+    printJson(context.out, context.style, Json(Json::array().push(describeWhole(type))));
     return 0;
   }
   const auto* const module = Kop::moduleOf(type);
@@ -115,6 +158,7 @@ int showType(const Context& context, const TypeRecord& type) {
         type.kind == Kop::Kind::enumeration
             ? std::vector<std::string>{"number", "name"}
             : std::vector<std::string>{"number", "name", "kind", "type", "value"});
+  const Json members = describeMembers(type);
   for (const Json& member : members.items) {
     std::vector<std::string> cells;
     for (std::size_t i = 0; i < member.items.size() && i < 3; ++i)
@@ -133,6 +177,46 @@ int showType(const Context& context, const TypeRecord& type) {
     columns.row(std::move(cells));
   }
   columns.print(context.out, context.style, !context.style.brief, 2);
+  return 0;
+}
+
+// A line for each module, type and member, as one build has registered them: what another one
+// registered shows by diff.
+void list(std::ostream& out, const Kop::ModuleDescriptor& module) {
+  out << "module " << module.name << '\n';
+  for (const TypeRecord& type : module.types) {
+    out << &type - module.types.data() << ' '
+        << (type.kind == Kop::Kind::enumeration ? "enum" : kindName(type.kind));
+    if (type.width) out << type.width * 8;
+    out << ' ' << type.name << '\n';
+    const Instance instance(type);
+    for (const Kop::MemberRecord& member : type.members) {
+      out << "  " << member.number << ' ' << kindName(member.kind) << ' ' << member.name;
+      if (member.kind == MemberKind::collection)
+        out << ' ' << member.arguments[0] << " ->";
+      if (member.kind == MemberKind::enumerator)
+        out << " = " << member.value;
+      else if (member.kind != MemberKind::function)
+        out << ' ' << member.type;
+      if (const void* const at = instance.at(member))
+        out << " = " << std::string_view(GenericValue(member.ops->type, at).text());
+      out << '\n';
+    }
+  }
+}
+
+int listAll(const Context& context, const std::string& name) {
+  const auto* const wanted = name.empty() ? nullptr : Kop::findModule(name);
+  if (!name.empty() && !wanted)
+    throw UsageError("NAME '" + printable(name) + "': not a module; `types` lists all");
+  Json types = Json::array();
+  for (const auto* const module : Kop::modules()) {
+    if (wanted && module != wanted) continue;
+    if (!context.style.json) list(context.out, *module);
+    for (const TypeRecord& type : module->types)
+      if (context.style.json) types.push(describeWhole(type));
+  }
+  if (context.style.json) printJson(context.out, context.style, types);
   return 0;
 }
 
@@ -168,7 +252,8 @@ bool isReadable(const Kop::TypeOps& type) {
   return true;
 }
 
-int types(const Context& context, const std::string& name) {
+int types(const Context& context, const std::string& name, bool all) {
+  if (all) return listAll(context, name);
   Json records = Json::array();
   if (!name.empty()) {
     const auto* const module = Kop::findModule(name);

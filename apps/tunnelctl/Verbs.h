@@ -24,7 +24,9 @@ struct Context {
 };
 
 // Without a server.
-int types(const Context& context, const std::string& name);  // empty: all modules
+// Of a module, of a type, or with an empty name of all modules. `all`: whole modules, a line
+// for each of their types and members.
+int types(const Context& context, const std::string& name, bool all);
 int value(const Context& context,
           const std::string& typeName,
           const std::optional<std::string>& text,

@@ -83,6 +83,21 @@ TEST(Reflection, readsCallsAndConstructs) {
   EXPECT_FALSE(table.attributeOp(Kop::AttributeOp::add, &id, &id, 0, nullptr));
 }
 
+// Catches a type or a member that only a walk over all finds.
+TEST(Reflection, findsByNameNumberAndValue) {
+  for (const auto* module : Kop::modules())
+    for (const auto& type : module->types) {
+      EXPECT_EQ(Kop::findType(type.name), &type);
+      for (const auto& member : type.members) {
+        EXPECT_EQ(type.member(member.name), &member) << type.name;
+        EXPECT_EQ(type.member(member.number), &member) << type.name;
+        if (member.kind == Kop::MemberKind::enumerator) {
+          EXPECT_EQ(type.enumerator(member.value), &member) << type.name;
+        }
+      }
+    }
+}
+
 // Catches arrays whose elements are seen as another type's or not at all.
 TEST(Reflection, arrays) {
   constexpr const char* entryType = "Tunnel::TunnelTable::TunnelTableEntry";
