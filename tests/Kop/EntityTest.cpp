@@ -69,33 +69,16 @@ TEST(EntityNotify, tellsEachChangeOnce) {
   }
 }
 
-// Catches reflection that takes one kind of attribute for another, and answers that are
-// turned round.
-TEST(EntityReflection, answersForWhatThereIs) {
+// Catches what reflection must refuse. What it does is tested with the types of the library.
+TEST(EntityReflection, refusesWhatIsNotThere) {
   const auto tree = TallTree::TallTreeIs("t");
-  const Kop::FwkType type = tree->fwkType(), value{type.module, 7};
-  const Kop::String key("7"), absent("x");
-  tree->stopIs(Stop(key, 7u));
+  const Kop::FwkType type = tree->fwkType(), value{type.module, 4};
   U16 height;
-  Stop stop;
-  const auto op = [&](EntityOp what, AttributeId id, const void* at, void* result = {}) {
-    return entityAttributeOp({type, id}, what, *tree, at, nullptr, result);
-  };
-  EXPECT_FALSE(op(EntityOp::get, 261, &absent, &stop));
-  EXPECT_TRUE(op(EntityOp::get, 261, &key, &stop));
-  EXPECT_EQ(stop.zone(), 7u);
-  EXPECT_FALSE(op(EntityOp::get, 300, nullptr, &height));
-  EXPECT_FALSE(op(EntityOp::del, 261, &absent));
-  EXPECT_TRUE(op(EntityOp::del, 261, &key));
+  EXPECT_FALSE(entityAttributeOp({type, 300}, EntityOp::get, *tree, {}, {}, &height));
+  EXPECT_FALSE(entityIterator({type, 264}, *tree));
   tree->markIs(1);
   tree->markIs(1, false);  // it is there, whatever the value
   EXPECT_TRUE(tree->markHas(1));
-  const U32 one = 1;
-  bool isThere = false;
-  EXPECT_TRUE(op(EntityOp::get, 258, &one, &isThere) && isThere);
-  EXPECT_TRUE(op(EntityOp::del, 258, nullptr));
-  EXPECT_EQ(tree->stopCount() + tree->markCount(), 0u);
-  EXPECT_FALSE(entityIterator({type, 264}, *tree));
   EXPECT_DEATH(entityIterator({value, 2}, *tree),
                "GenericIfImpl: .*\"type.isPolymorphic\\(\\)\"");
   EXPECT_DEATH(Kop::valueAttributeOp({type, 264}, Kop::AttributeOp::get, {}, {}, {}),
@@ -107,34 +90,28 @@ TEST(EntityDestruction, detachesChildrenThenObserversThenDropsTheMaps) {
   Log log;
   Recorder recorder(log), childRecorder(log, "child ");
   Kop::Notifiee deaf;
-  const U64 before = TallTree::kopAllocTrack().live(),
-            branches = Branch::kopAllocTrack().live();
   {
     auto tree = TallTree::TallTreeIs("t");
-    EXPECT_EQ(TallTree::kopAllocTrack().live(), before + 1);
-    EXPECT_EQ(Branch::kopAllocTrack().live(), branches);
-    auto dropped = tree->branchIs("dropped");
+    EXPECT_GE(TallTree::kopAllocTrack().bytes(), sizeof(TallTree));
+    const auto dropped = tree->branchIs("dropped");
     tree->branchDelAll();
     EXPECT_EQ(dropped->parent(), nullptr);
     EXPECT_EQ(dropped->references(), 1u);
-    dropped = nullptr;
     tree->markIs(1), tree->markIs(2);
     const U32 version = tree->mark().version();
     tree->markDelAll();
     EXPECT_EQ(tree->mark().version(), version + 1) << "unobserved, it goes in one step";
     tree->markIs(1);
-    tree->crowdIs(1, crowdOf(3));
     tree->slotIs(area);
     const auto kept = tree->branchIs("b");
     kept->leafIs("deep")->spotIs(1, true);
     kept->notifieeAdd(&childRecorder);
     kept->notifieeAdd(&deaf);
     tree->notifieeAdd(&recorder);
-    EXPECT_GE(TallTree::kopAllocTrack().bytes(), sizeof(TallTree));
     tree = nullptr;
     EXPECT_EQ(log, (Log{"child parent", "branch/'b'", "slot/area", "detached"}));
     EXPECT_EQ(kept->parent(), nullptr);
-    EXPECT_EQ(Branch::kopAllocTrack().live(), branches + 1);
+    EXPECT_EQ(Branch::kopAllocTrack().live(), 2u);
   }
   EXPECT_EQ(log.back(), "child detached");
   for (const auto* track = Kop::AllocTrackTypeInfo::first(); track; track = track->next())
@@ -149,14 +126,14 @@ TEST(EntityArguments, mayReferIntoTheCollectionItself) {
   tree->notifieeAdd(&recorder);
   const Kop::String first("a name that is longer than fifteen bytes");
   tree->flagIs(first, true);
-  tree->placeIs(Port(0, U8{0}), placeOf(77));
+  tree->placeIs(Port(0, U8{0}), valueOf<Place>(77));
   tree->stopIs(Stop(first, 1u));
   for (U32 n = 1; n < 200; ++n) {
     tree->flagIs(Kop::String(std::string(20, 'x') + std::to_string(n)),
                  tree->flag().find(first)->value);
     tree->placeIs(Port(n, U8{0}), tree->place().find(Port(0, U8{0}))->value);
   }
-  EXPECT_EQ(tree->place(Port(199, U8{0})), placeOf(77));
+  EXPECT_EQ(tree->place(Port(199, U8{0})), valueOf<Place>(77));
   log.clear();
   tree->flagDel(tree->flag().find(first)->key());
   tree->stopDel(tree->stop().find(first)->value.name());
@@ -171,13 +148,13 @@ TEST(EntityArguments, mayReferIntoTheCollectionItself) {
 
 // Catches a visit that skips, repeats, or calls who is gone.
 TEST(EntityObservers, mayRegisterLeaveAndWriteWhileTheyAreTold) {
-  const auto tree = TallTree::TallTreeIs("t");
   Log log;
   Recorder late(log, "late "), early(log, "early "), last(log, "last ");
-  Doer* self = nullptr;
   std::vector<std::unique_ptr<Recorder>> many;
-  Doer doer([&] {
-    tree->notifieeDel(self);
+  Doer doer([] {});
+  const auto tree = TallTree::TallTreeIs("t");  // goes before those who hear of its end
+  doer.action = [&] {
+    tree->notifieeDel(&doer);
     tree->notifieeDel(&late);
     tree->notifieeAddFirst(&early);
     for (int i = 0; i < 5; ++i) {  // makes the list grow under the visit
@@ -185,12 +162,10 @@ TEST(EntityObservers, mayRegisterLeaveAndWriteWhileTheyAreTold) {
       tree->notifieeAdd(many.back().get());
     }
     tree->ratioIs(9);  // nested: the new ones hear of this one already
-  });
-  self = &doer;
+  };
   tree->notifieeAdd(&doer);
-  tree->notifieeAdd(&late);
-  tree->notifieeAdd(&last);
-  tree->notifieeAdd(&last);  // once is enough
+  for (Recorder* const each : {&late, &last, &last})  // once is enough
+    tree->notifieeAdd(each);
   tree->colourIs(none);
   Log wanted{"early ratio", "last ratio"};
   wanted.insert(wanted.end(), 5, "many ratio");
@@ -202,10 +177,6 @@ TEST(EntityObservers, mayRegisterLeaveAndWriteWhileTheyAreTold) {
   EXPECT_EQ(log.size(), 7u);
   EXPECT_EQ(log.front(), "early colour");
   EXPECT_EQ(doer.told, 1);
-  tree->notifieeDel(&early);
-  tree->notifieeDel(&last);
-  for (const auto& each : many)
-    tree->notifieeDel(each.get());
 }
 
 // Catches a visit that an exception leaves behind in the list.
@@ -267,21 +238,20 @@ TEST(EntityObservers, mayDropTheLastReference) {
 // Catches a double release, and flag bits that are taken for references.
 TEST(EntityReferences, areCountedApartFromTheFlags) {
   auto tree = TallTree::TallTreeIs("t");
-  {
-    const Ptr<Tree> base = tree;
-    const Ptr<Kop::Entity> entity = base;
-    EXPECT_EQ(tree->references(), 3u);
-  }
+  const Ptr<Kop::Entity> entity = Ptr<Tree>(tree);
+  EXPECT_EQ(tree->references(), 2u);
   EXPECT_TRUE(tree->hasNotificationActive());
   tree->hasNotificationActiveIs(false);
   EXPECT_FALSE(tree->hasNotificationActive());
-  EXPECT_EQ(tree->references(), 1u);
+  EXPECT_EQ(tree->references(), 2u);
+}
+TEST(EntityReferences, mayBeTakenWhileTheEntityGoes) {
+  auto tree = TallTree::TallTreeIs("t");
   tree->branchIs("b");
   TallTree* const raw = tree.get();
   Doer taker([&] {
     EXPECT_TRUE(raw->releasing());
     const Ptr<TallTree> again(raw);
-    EXPECT_GE(again->references(), 1u);
   });
   raw->notifieeAdd(&taker);
   tree = nullptr;
@@ -323,29 +293,22 @@ struct Reactions : Kop::Reactor<TallTree> {
   void colourReaction() override { log.push_back("colour"); }
   void heightReaction() override { log.push_back("height"); }
   void markReaction(const U32& key) override { log.push_back(std::to_string(key)); }
-  void slotReaction(const Shape& key) override {
-    log.push_back(valueToStrep(key).c_str());
-  }
   void crowdReaction(const U16& key) override { log.push_back(std::to_string(key)); }
 };
 TEST(EntityReactor, callsTheFunctionOfTheAttribute) {
   const auto tree = TallTree::TallTreeIs("t"), other = TallTree::TallTreeIs("o");
   {
     Reactions reactions(tree);
-    EXPECT_EQ(tree->references(), 2u);
     tree->heightIs(1);
     tree->colourIs(none);
     tree->ratioIs(3);
     tree->markIs(5);
-    tree->slotIs(lineString);
-    tree->crowdIs(6, crowdOf(1));
+    tree->crowdIs(6, valueOf<Crowd>(1));
     tree->branchIs("b");
-    EXPECT_EQ(reactions.log, (Log{"height", "colour", "5", "lineString", "6"}));
     reactions.notifierIs(other);
     tree->markIs(6);
     other->markIs(7);
-    EXPECT_EQ(reactions.log.back(), "7");
-    EXPECT_EQ(reactions.log.size(), 6u);
+    EXPECT_EQ(reactions.log, (Log{"height", "colour", "5", "6", "7"}));
   }
   EXPECT_EQ(tree->notifieeCount() + other->notifieeCount(), 0u);
   EXPECT_EQ(tree->references(), 1u);
@@ -362,7 +325,7 @@ TEST(EntityMaking, takesItsNameOrItsKey) {
   EXPECT_FALSE(Kop::TypeImpl<Slot>::newEntityForDir("a slot lives under its key"));
   EXPECT_THAT([&] { Tall::newEntityForDir("dir", argument); },
               testing::ThrowsMessage<Kop::NewEntityArgsException>(
-                  "type 18 of module TestTypes takes no arguments but its name"));
+                  "type 14 of module TestTypes takes no arguments but its name"));
   Kop::NboAttrLog::Out out;
   const auto tree = treeFactory("log");
   Kop::TypeImpl<Tree>::serializeConstructorParams(out, *tree);
@@ -371,13 +334,11 @@ TEST(EntityMaking, takesItsNameOrItsKey) {
   Kop::NboAttrLog::In in(out.data(), out.size());
   const auto read = Kop::TypeImpl<Tree>::newEntityForAttrLog(in);
   EXPECT_EQ(read->name(), "log");
-  EXPECT_TRUE(read->hasNotificationActive());
   EXPECT_EQ(read->fwkType(), tree->fwkType());
   EXPECT_NE(read->identity(), tree->identity());
   EXPECT_EQ(in.remaining(), 1u);
   EXPECT_EQ(tree->slotIs(lineString)->name(), "lineString");
   EXPECT_EQ(tree->slot(lineString)->shape(), lineString);
-  EXPECT_EQ(tree->branchIs("b"), tree->branchIs("b"));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 namespace Sample {
 
 Level::Level(U16 value) : value_(value) {
-  if (value != 0 && (value < Limits::low || value > Limits::high))
+  if (value != 0 && (value < 3 || value > 900))
     throw Kop::RangeException("Sample::Level::value is no level");
 }
 void valueParse(Level& level, Kop::TextIt& it, const Kop::TextIt& end) {
@@ -33,28 +33,20 @@ void valueParse(Crowd&, Kop::TextIt&, const Kop::TextIt&) {
   Kop::noStringConstructor("!\"No String constructor for Crowd - has collection\"",
                            "Sample/TestTypes");
 }
-void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&) {
-  Kop::noStringConstructor("!\"No String constructor for Chart - has collection\"",
-                           "Sample/TestTypes");
-}
 
 }  // namespace Sample
 
 KOP_MODULE(TestTypes,
-           9c476c243a25d40c,
+           efb90f15cd8adbcc,
            Sample::Shape,
            Sample::Colour,
-           Sample::Limits,
            Sample::Level,
-           Sample::Code,
            Sample::Port,
            Sample::Place,
            Sample::Area,
            Sample::Hop,
            Sample::FarHop,
            Sample::Crowd,
-           Sample::Chart,
-           Sample::Blob,
            Sample::Stop,
            Sample::Leaf,
            Sample::Branch,
@@ -64,17 +56,13 @@ KOP_MODULE(TestTypes,
 
 KOP_INSTANTIATE_ENUM(Sample::Shape);
 KOP_INSTANTIATE_ENUM(Sample::Colour);
-KOP_INSTANTIATE_VALUE(Sample::Limits);
 KOP_INSTANTIATE_VALUE(Sample::Level);
-KOP_INSTANTIATE_VALUE(Sample::Code);
 KOP_INSTANTIATE_VALUE(Sample::Port);
 KOP_INSTANTIATE_VALUE(Sample::Place);
 KOP_INSTANTIATE_VALUE(Sample::Area);
 KOP_INSTANTIATE_VALUE(Sample::Hop);
 KOP_INSTANTIATE_VALUE(Sample::FarHop);
 KOP_INSTANTIATE_VALUE(Sample::Crowd);
-KOP_INSTANTIATE_VALUE(Sample::Chart);
-KOP_INSTANTIATE_VALUE(Sample::Blob);
 KOP_INSTANTIATE_VALUE(Sample::Stop);
 KOP_INSTANTIATE_ENTITY(Sample, Leaf);
 KOP_INSTANTIATE_ENTITY(Sample, Branch);

@@ -15,15 +15,7 @@ using Kop::strepToValue;
 KOP_ENUM(Shape, U8, point = 0, line = 1, lineString = 2, area = 0x1f);
 KOP_ENUM(Colour, U32, none = 0, red = 1, redder = 2, distant = 0x12345);
 
-// Constants only: every two are equal. Unhashable.
-class Limits : public Kop::Value<Limits> {
-  KOP_VALUE(Limits);
-
-  KOP_CONSTANT(2, U16, low, 3);
-  KOP_CONSTANT(3, U16, high, 900);
-};
-
-// 0 or low..high.
+// 0 or 3..900.
 class Level : public Kop::Value<Level> {
   KOP_VALUE(Level);
 
@@ -31,15 +23,6 @@ class Level : public Kop::Value<Level> {
 
  public:
   explicit Level(U16 value);  // RangeException
-};
-
-class Code : public Kop::Value<Code> {
-  KOP_VALUE(Code);
-
-  KOP_WRAPPED(2, U32, value);
-
- public:
-  explicit Code(U32 value) : value_(value) {}
 };
 
 class Port : public Kop::Value<Port> {
@@ -68,7 +51,7 @@ class Area : public Kop::Value<Area> {
   KOP_VALUE(Area);
 
   KOP_ATTR(2, Place, place);
-  KOP_ATTR(3, Code, code);
+  KOP_ATTR(3, U32, code);
 };
 
 // Ordered by cost, then node.
@@ -95,27 +78,15 @@ class FarHop : public Hop {
   KOP_REDEFINED(4, U32, hash);
 };
 
-// Values with collections: unhashable, without a string constructor.
+// Holds collections, so it has no string constructor; has neither order nor hash.
 class Crowd : public Kop::Value<Crowd> {
   KOP_VALUE(Crowd);
 
   KOP_ATTR(2, Shape, shape);
   KOP_SET(3, member, Member, Kop::String);
-};
-class Chart : public Kop::Value<Chart> {
-  KOP_VALUE(Chart);
-
-  KOP_MAP(2, cost, Cost, Hop, U32);
-  KOP_ORDERED_MAP(3, rank, Rank, Level, bool);
-};
-
-// Has neither order nor hash.
-class Blob : public Kop::Value<Blob> {
-  KOP_VALUE(Blob);
-
-  KOP_ATTR(2, U32, first);
-  KOP_ATTR(3, U32, second);
-  friend bool operator<(const Blob&, const Blob&) = delete;
+  KOP_MAP(4, cost, Cost, Hop, U32);
+  KOP_ORDERED_MAP(5, rank, Rank, Level, bool);
+  friend bool operator<(const Crowd&, const Crowd&) = delete;
 };
 
 // Stands in a map under its name.
@@ -130,10 +101,7 @@ class Stop : public Kop::Value<Stop> {
 void valueParse(Level& level, Kop::TextIt& it, const Kop::TextIt& end);
 void valueLogRead(Level& level, Kop::NboAttrLog::In& in);
 void valueParse(Crowd&, Kop::TextIt&, const Kop::TextIt&);
-void valueParse(Chart&, Kop::TextIt&, const Kop::TextIt&);
 U32 valueHash(const Crowd&, U32) = delete;
-U32 valueHash(const Chart&, U32) = delete;
-U32 valueHash(const Blob&, U32) = delete;
 
 class Leaf : public Kop::Entity {
   KOP_ENTITY(Leaf);

@@ -1,134 +1,92 @@
 #include "TreeModel.h"
 
-#include "Kop/GenericIfImpl.h"
-
 namespace Sample {
 
-namespace {
+using Kop::GenericValue;
+using Kop::MemberKind;
 
-template <class T>
-std::string logged(const T& value) {
+GenericValue valueOf(const Kop::TypeOps& type, U32 n) {
+  GenericValue value(&type);
+  const Kop::TypeRecord* const record = type.record();
+  if (type.elements) {
+    for (U32 i = n; i < n + n % 5; ++i) {
+      const auto element =
+          type.elements->value ? valueOf(*type.elements->value, n) : GenericValue();
+      type.elements->insert(value.get(), valueOf(*type.elements->key, i).get(),
+                            element.get());
+    }
+  } else if (record && record->kind == Kop::Kind::value && type.name != "Sample::Level") {
+    for (const auto& member : record->members)
+      if (member.kind == MemberKind::attribute || member.kind == MemberKind::collection)
+        member.ops->type->assign(const_cast<void*>(member.ops->at(value.get())),
+                                 valueOf(*member.ops->type, n).get());
+  } else if (type.name == "Kop::String") {
+    value.textIs("'key" + std::to_string(n) + "'");
+  } else if (type.name == "bool") {
+    value.textIs(n % 2 == 0 ? "True" : "False");
+  } else {
+    value.textIs(std::to_string(type.size == 1   ? n % 3
+                                : type.size == 2 ? 3 + n % 800
+                                                 : n));
+  }
+  return value;
+}
+
+static std::string logged(const GenericValue& value) {
   Kop::NboAttrLog::Out out;
-  Kop::TypeOpsOf<T>::ops.logWrite(out, &value);
+  value.type()->logWrite(out, value.get());
   return bytesText(out);
 }
-template <class K>
-std::string at(const std::string& collection, const K& key) {
-  Kop::TextOut text;
-  Kop::TypeOpsOf<K>::ops.text(text, &key);
-  return collection + "/" + std::string(text.view());
-}
 
-}  // namespace
-
-Place placeOf(U32 n) {
-  return Place(Port(U64{n} << 33 | n, static_cast<U8>(n)), Kop::String(std::to_string(n)),
-               Level(static_cast<U16>(3 + n % 800)), static_cast<Shape>(n % 3),
-               static_cast<Colour>(n % 5), n % 2 == 0, static_cast<float>(n) / 4,
-               static_cast<U16>(n));
-}
-Crowd crowdOf(U32 n) {
-  Crowd crowd;
-  crowd.shapeIs(static_cast<Shape>(n % 3));
-  for (U32 i = 0; i < n % 5; ++i)
-    crowd.memberIs(Kop::String(std::to_string(n + i)));
-  return crowd;
-}
-
-void randomWrite(
-    Random& random, TallTree& tree, TreeModel& model, U32 serial, bool single) {
-  const auto below = [&](U32 n) { return static_cast<U32>(random() % n); };
-  const auto erase = [&](const std::string& path) {  // with all below it
+void randomWrite(Random& random,
+                 Kop::Entity& entity,
+                 TreeModel& model,
+                 U32 serial,
+                 bool single,
+                 std::string path) {
+  const auto members = Kop::typeRecord(entity.fwkType()).members;
+  const Kop::MemberRecord& member = members[random() % members.size()];
+  path += member.name;
+  const auto erase = [&] {  // with all below it
     std::erase_if(model, [&](const auto& entry) {
-      return (entry.first + "/").starts_with(path + "/");
+      return (entry.first + '/').starts_with(path + '/');
     });
   };
-  const U32 n = below(12);
-  const U16 number = static_cast<U16>(n);
-  const bool yes = below(2);
-  const Kop::String name("key" + std::to_string(n)),
-      branchName("b" + std::to_string(below(3)));
-  const Port port(n, U8{1});
-  const Place place = placeOf(below(1000));
-  const Shape shape = static_cast<Shape>(below(3));
-  const std::string branchAt = at("branch", branchName),
-                    leafAt = at(branchAt + "/leaf", name);
-  const Kop::Ptr<Branch> branch = tree.branch(branchName);
-  const Kop::Ptr<Leaf> leaf = branch ? branch->leaf(name) : nullptr;
-  const auto newBranch = [&] {
-    model[branchAt] = logged(tree.branchIs(branchName)->identity());
-    model[branchAt + "/label"] = logged(Kop::String());
-  };
-  const auto newLeaf = [&](const Kop::Ptr<Branch>& parent) {
-    model[leafAt] = logged(parent->leafIs(name)->identity());
-    model[leafAt + "/size"] = logged(U32{7});
-  };
-  switch (below(single ? 20 : 25)) {
-    case 0: tree.markIs(n), model[at("mark", n)]; break;
-    case 1: tree.markDel(n), erase(at("mark", n)); break;
-    case 2: tree.flagIs(name, yes), model[at("flag", name)] = logged(yes); break;
-    case 3: tree.flagDel(name), erase(at("flag", name)); break;
-    case 4:
-    case 5: tree.placeIs(port, place), model[at("place", port)] = logged(place); break;
-    case 6: tree.placeDel(port), erase(at("place", port)); break;
-    case 7:
-    case 8: {
-      const Stop stop(name, serial);
-      tree.stopIs(stop), model[at("stop", name)] = logged(stop);
-      break;
-    }
-    case 9: tree.stopDel(name), erase(at("stop", name)); break;
-    case 10:
-      if (!branch) newBranch();
-      break;
-    case 11:
-      if (below(3) == 0) tree.branchDel(branchName), erase(branchAt);
-      break;
-    case 12:
-      if (branch) branch->labelIs(name), model[branchAt + "/label"] = logged(name);
-      break;
-    case 13:
-      if (branch && !leaf) newLeaf(branch);
-      break;
-    case 14:
-      if (leaf) leaf->sizeIs(serial), model[leafAt + "/size"] = logged(serial);
-      break;
-    case 15:
-      if (leaf)
-        leaf->spotIs(number, yes), model[at(leafAt + "/spot", number)] = logged(yes);
-      break;
-    case 16:
-      model[at("slot", shape)] = logged(tree.slotIs(shape)->identity());
-      model[at("slot", shape) + "/depth"] = logged(U16{1});
-      break;
-    case 17: tree.slotDel(shape), erase(at("slot", shape)); break;
-    case 18: {
-      const Level level(static_cast<U16>(3 + n));
-      tree.levelIs(level), model["level"] = logged(level);
-      break;
-    }
-    case 19:
-      tree.crowdIs(number, crowdOf(serial)),
-          model[at("crowd", number)] = logged(crowdOf(serial));
-      break;
-    // Several changes at once:
-    case 20: tree.markDelAll(), erase("mark"); break;
-    case 21:
-      if (below(4) == 0) tree.branchDelAll(), erase("branch");
-      break;
-    case 22:
-      tree.colourIs(static_cast<Colour>(n)),
-          model["colour"] = logged(static_cast<Colour>(n));
-      tree.ratioIs(static_cast<float>(n)), model["ratio"] = logged(static_cast<float>(n));
-      tree.heightIs(number), model["height"] = logged(number);
-      break;
-    case 23:  // the key comes back as another entity
-      if (!tree.branchDel(branchName)) break;
-      erase(branchAt);
-      newBranch();
-      newLeaf(tree.branch(branchName));
-      break;
-    default: tree.crowdDelAll(), erase("crowd");
+  if (!member.ops->collection) {
+    const auto value = valueOf(*member.ops->type, serial);
+    member.ops->set(entity, value.get());
+    model[path] = logged(value);
+    return;
+  }
+  const Kop::CollectionOps& ops = *member.ops->collection;
+  const bool hasChildren = ops.kind == Kop::CollectionKind::children;
+  const auto key = valueOf(*ops.key, random() % (hasChildren ? 3 : 12));
+  const U32 what = random() % 20;
+  if (what == 0 && !single) {
+    ops.delAll(entity);
+    return erase();
+  }
+  path += '/' + std::string(key.text().c_str());
+  if (what < 6) {
+    ops.del(entity, key.get());
+    erase();
+    if (what > 1 || single || !hasChildren) return;  // or it comes back as another one
+  }
+  if (const auto child = hasChildren ? ops.child(entity, key.get()) : nullptr) {
+    randomWrite(random, *child, model, serial, single, path + '/');
+  } else if (hasChildren) {
+    const auto made = ops.childIs(entity, key.get());
+    for (const auto& [below, value] : dump(*made))
+      model[path + '/' + below] = value;
+    const U64 identity = made->identity();
+    model[path] = logged(GenericValue(&Kop::TypeOpsOf<U64>::ops, &identity));
+  } else {
+    auto value = valueOf(*ops.value, serial);
+    if (ops.kind == Kop::CollectionKind::internalMap)
+      *static_cast<Stop*>(value.get()) =
+          Stop(*static_cast<const Kop::String*>(key.get()), serial);
+    ops.set(entity, key.get(), value.get());
+    model[path] = ops.kind == Kop::CollectionKind::set ? "" : logged(value);
   }
 }
 

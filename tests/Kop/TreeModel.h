@@ -3,6 +3,7 @@
 #include <random>
 
 #include "EntityDump.h"
+#include "Kop/GenericIfImpl.h"
 #include "TestTypes.h"
 
 namespace Sample {
@@ -10,12 +11,22 @@ namespace Sample {
 using TreeModel = EntityDump;  // begins as the dump of an empty tree
 using Random = std::mt19937;
 
-Place placeOf(U32 number);
-Crowd crowdOf(U32 number);
+// A value of any type, made of a number by reflection: other numbers below 800, other values,
+// except of an enumeration of one byte, which has three.
+Kop::GenericValue valueOf(const Kop::TypeOps& type, U32 number);
+template <class T>
+T valueOf(U32 number) {
+  return *static_cast<const T*>(valueOf(Kop::TypeOpsOf<T>::ops, number).get());
+}
 
-// One random write, made to both. Every zone of a stop that it writes is `serial`, larger
-// than all before. With `single`, only writes that are one change.
-void randomWrite(
-    Random& random, TallTree& tree, TreeModel& model, U32 serial, bool single = false);
+// One random write below an entity, made by reflection and to the model, in which the entity
+// stands at `path`. Values are of `serial`, keys of a few numbers. With `single`, only writes
+// that are one change. Sets the model when the write has succeeded.
+void randomWrite(Random& random,
+                 Kop::Entity& entity,
+                 TreeModel& model,
+                 U32 serial,
+                 bool single = false,
+                 std::string path = "");
 
 }  // namespace Sample
