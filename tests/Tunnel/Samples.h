@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <random>
 #include <string_view>
 #include <vector>
@@ -8,24 +9,25 @@
 #include "Kop/Module.h"
 #include "Kop/Value.h"
 
-// Random values of any type, made by reflection. Half of all numbers come from a handful, so
-// that equal values and values that differ in one attribute only are as frequent as others.
+// Random values of any type, made by reflection. Half of all that have no attributes come from a
+// handful, so that equal values and values that differ in one attribute only are as frequent as
+// others.
 
 namespace Samples {
 
 constexpr U32 seed = 20181;  // printed by who loops over it
 using Random = std::mt19937;
 
-U64 word(Random& random);
+// All values and enumerations that are registered, and the types of their attributes, keys and
+// elements, by name; without collections.
+const std::map<std::string_view, const Kop::TypeOps*>& allTypes();
 
 // The attributes of a value, its bases' first, without constants and functions.
 std::vector<const Kop::MemberRecord*> storedMembers(const Kop::TypeRecord& type);
 
-// Makes the value a random one. Of floats every one but NaN, which equals nothing.
-void randomize(Random& random, std::string_view type, void* value);
-void randomize(Random& random,
-               const Kop::TypeOps& type,
-               void* value);  // also collections
+// Makes the value a random one, also collections. Of floats every one but NaN, which equals
+// nothing.
+void randomize(Random& random, const Kop::TypeOps& type, void* value);
 inline Kop::GenericValue sample(Random& random, const Kop::TypeOps& type) {
   Kop::GenericValue value(&type);
   randomize(random, type, value.get());
@@ -34,12 +36,12 @@ inline Kop::GenericValue sample(Random& random, const Kop::TypeOps& type) {
 template <class T>
 T sample(Random& random) {
   T value{};
-  randomize(random, Kop::typeName<T>(), &value);
+  randomize(random, *allTypes().at(Kop::typeName<T>()), &value);
   return value;
 }
 
 // Copies each attribute of a value with an even chance.
-void mixIn(Random& random, std::string_view type, void* to, const void* from);
+void mixIn(Random& random, const Kop::TypeRecord& type, void* to, const void* from);
 // Values put together from the attributes of a few: most differ in some only.
 template <class T>
 std::vector<T> alike(Random& random, U32 count) {
@@ -49,7 +51,8 @@ std::vector<T> alike(Random& random, U32 count) {
   for (; count > 0; --count) {
     values.push_back(few[random() % 6]);
     for (int i = 0; i < 2; ++i)
-      mixIn(random, Kop::typeName<T>(), &values.back(), &few[random() % 6]);
+      mixIn(random, *Kop::findType(Kop::typeName<T>()), &values.back(),
+            &few[random() % 6]);
   }
   return values;
 }

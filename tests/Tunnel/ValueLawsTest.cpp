@@ -116,27 +116,8 @@ Type typeOf(const TypeOps& ops) {
 
 const std::vector<Type>& allTypes() {
   static const auto all = [] {
-    std::map<std::string_view, const TypeOps*> found;
-    const auto add = [&](const auto& self, const TypeOps& ops) -> void {
-      if (ops.elements) {
-        self(self, *ops.elements->key);
-        if (ops.elements->value) self(self, *ops.elements->value);
-      } else if (ops.name != "Kop::PodArray") {
-        found[ops.name] = &ops;
-      }
-    };
-    for (const auto* module : Kop::modules()) {
-      for (const TypeRecord& type : module->types) {
-        if (type.value) add(add, *type.value->ops);
-        for (const auto& member : type.members) {
-          if (!member.ops || member.kind == Kop::MemberKind::function) continue;
-          if (member.ops->collection) add(add, *member.ops->collection->key);
-          if (member.ops->type) add(add, *member.ops->type);
-        }
-      }
-    }
     std::vector<Type> types;
-    for (const auto& [name, ops] : found)
+    for (const auto& [name, ops] : Samples::allTypes())
       types.push_back(typeOf(*ops));
     return types;
   }();
@@ -156,12 +137,17 @@ bool ofAllPairs(const Type& type, Law law) {
 //   parse  holds a collection; to read its text ends the process
 //   text   is not that of its attributes      log    pads its arrays
 //   peer   takes a tunnel's word from the log as it comes, and none such from text
+//   lossy  no record, and its form in the log has bytes that are not looked at or kept
 //   equal  not as the log: -0.0 is 0.0, flags do not count, or counts do and are not sent
 //   hash, less   has none                     order  has an order of its own
 //   truth  true unless the default            flags  follows those of a stream
 constexpr char exceptionTable[] = R"(
+Tunnel::Decap::AddressType lossy
 Tunnel::Decap::DecapExcludeIntfSet parse hash order truth
 Tunnel::Decap::DecapIntf hash
+Tunnel::Decap::PayloadType lossy
+Tunnel::Decap::TunnelDecapIpSrc lossy
+Tunnel::Decap::TunnelType lossy
 Tunnel::GreTunnelInfo order
 Tunnel::IpsecGreTunnelInfo order truth
 Tunnel::IpsecVtiTunnelInfo order
@@ -176,14 +162,20 @@ Tunnel::TunnelTable::MplsCosVia order truth
 Tunnel::TunnelTable::MplsVia order
 Tunnel::TunnelTable::MulticastTunnelTableEntry peer truth
 Tunnel::TunnelTable::NexthopTunnelL2Info hash less
+Tunnel::TunnelTable::NexthopType lossy
 Tunnel::TunnelTable::TunnelBandwidth equal truth flags
 Tunnel::TunnelTable::TunnelId peer flags
 Tunnel::TunnelTable::TunnelIdConstants hash
 Tunnel::TunnelTable::TunnelIdNamePair peer
 Tunnel::TunnelTable::TunnelTableEntry parse log equal hash order
+Tunnel::TunnelTable::TunnelTableIdentifier lossy
 Tunnel::TunnelTable::TunnelVia order
 Tunnel::TunnelTable::Via order
 Vantor::DynamicTunnelIntfId text
+Vantor::IpDscp lossy
+Vantor::IpGenAddr lossy
+Vantor::IpGenPrefix lossy
+bool lossy
 float equal
 )";
 Names listed(std::string_view law) {
@@ -308,9 +300,10 @@ TEST(ValueLaws, logReadsBack) {
 }
 
 // Catches a value that bytes from a peer can make and that no text or log brings back: two
-// equal values would then have two images.
+// equal values would then have two images. And a reader that lets go of what it was sent.
 TEST(ValueLaws, bytesOfAPeerMakeCanonicalValuesOrNone) {
-  expectLaw("peer", [](const Type& type) {
+  Names lossy;
+  expectLaw("peer", [&](const Type& type) {
     Random random(Samples::seed);
     bool isBack = true;
     int made = 0;
@@ -322,13 +315,13 @@ TEST(ValueLaws, bytesOfAPeerMakeCanonicalValuesOrNone) {
       GenericValue value(type.ops), again(type.ops), same(type.ops);
       try {
         type.ops->logRead(value.get(), in);
-      } catch (const Kop::LogCorruptException&) {
+      } catch (const Kop::Exception&) {
         continue;
-      } catch (const Kop::RangeException&) {
-        continue;  // an index
       }
       ++made;
       const std::string log = logOf(value);
+      const std::string_view sent(reinterpret_cast<const char*>(bytes), in.offset());
+      if (!type.isRecord && log != sent) lossy.insert(type.name());
       Kop::NboAttrLog::In rest(log.data(), log.size());
       type.ops->logRead(same.get(), rest);
       EXPECT_TRUE(same == value);
@@ -345,6 +338,7 @@ TEST(ValueLaws, bytesOfAPeerMakeCanonicalValuesOrNone) {
     EXPECT_TRUE(made > 10 || type.stored.size() > 1) << made;
     return isBack;
   });
+  EXPECT_THAT(lossy, ContainerEq(listed("lossy")));
 }
 
 // Catches comparisons that disagree with each other, and equal values of different hash.
