@@ -29,9 +29,8 @@ Path pathOf(TunnelType type, const std::string& name, U32 hops, U32 salt) {
 }
 
 Path randomPath(std::minstd_rand& random) {
-  constexpr TunnelType types[] = {srTunnel, ldpTunnel, srTePolicyTunnel, rsvpLerTunnel};
   const auto below = [&](U32 n) { return static_cast<U32>(random()) % n; };
-  const TunnelType type = types[below(4)];
+  const TunnelType type = typesOfPaths[below(4)];
   const U32 number = below(12);
   const std::string name =
       number == 0 ? std::string(128, 'n') : "path " + std::string(number, 'x');

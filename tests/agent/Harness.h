@@ -25,12 +25,14 @@ using Vantor::IpGenPrefix;
 constexpr auto patience = 20s;
 
 class Agents : public Support::WithDatabase {
- protected:
+ public:
   Publisher::Options options(const std::string& agent = "one") const;
   std::string shm(TunnelType type) const;
 };
 
 Path pathOf(TunnelType type, const std::string& name, U32 hops = 1, U32 salt = 0);
+constexpr TunnelType typesOfPaths[] = {srTunnel, ldpTunnel, srTePolicyTunnel,
+                                       rsvpLerTunnel};
 // Few types and names, so that paths come back, and few endpoints, so that they compete.
 Path randomPath(std::minstd_rand& random);
 

@@ -1,9 +1,8 @@
 #include <filesystem>
 
-#include <gtest/gtest.h>
-
 #include "Kop/Exception.h"
 #include "apps/agent/Places.h"
+#include "tests/Support/Process.h"
 
 namespace {
 
@@ -14,12 +13,11 @@ using namespace Tunnel::TunnelTable;
 TEST(Places, sharedMemoryIsOneDatabases) {
   EXPECT_EQ(shmName(std::string(defaultSocketPath), "tunnel/table/srTunnelTable"),
             "/tunnel.table.srTunnelTable");
-  const auto directory =
-      std::filesystem::temp_directory_path() / ("places" + std::to_string(::getpid()));
-  std::filesystem::create_directories(directory / "a");
-  std::filesystem::create_directory_symlink(directory / "a", directory / "b");
+  const Support::TempDir directory;
+  std::filesystem::create_directory(directory.path("a"));
+  std::filesystem::create_directory_symlink(directory.path("a"), directory.path("b"));
   const auto nameAt = [&](const std::string& socket) {
-    return shmName((directory / socket).string(), "tunnel/table/t");
+    return shmName(directory.path(socket), "tunnel/table/t");
   };
   const std::string name = nameAt("a/sock");
   EXPECT_EQ(name.substr(0, name.size() - 8), "/tunnel.table.t@");
@@ -27,10 +25,9 @@ TEST(Places, sharedMemoryIsOneDatabases) {
   EXPECT_EQ(nameAt("a/../b/sock"), name);
   EXPECT_NE(nameAt("a/other"), name);
   const auto before = std::filesystem::current_path();
-  std::filesystem::current_path(directory);
+  std::filesystem::current_path(directory.path());
   EXPECT_EQ(shmName("a/sock", "tunnel/table/t"), name);
   std::filesystem::current_path(before);
-  std::filesystem::remove_all(directory);
 }
 
 // An assertion, or an exception of another kind, for a type that an agent was told.

@@ -11,45 +11,41 @@ namespace AgentTest {
 namespace {
 
 using PublisherModel = Agents;
-using PublisherCalls = Agents;
-
-template <class T>
-Kop::Ptr<T> entityOf(Publisher& publisher, const std::string& path) {
-  return Kop::Ptr<T>(static_cast<T*>(publisher.client().find(path)->entity().get()));
-}
 
 // Looks into the tables whenever a next hop comes or goes: no row may name one that is not
 // there.
 struct NoRowWithoutHops : Kop::Reactor<NexthopTunnelTable> {
-  using Names = std::map<TunnelType, std::string>;
-  NoRowWithoutHops(const Kop::Ptr<NexthopTunnelTable>& table, const Names& shm)
-      : Reactor(table), shm(shm) {}
+  NoRowWithoutHops(Publisher& publisher, const Agents& agents)
+      : Reactor(Kop::Ptr(static_cast<NexthopTunnelTable*>(
+            publisher.client().find(Agent::nexthopTablePath("one"))->entity().get()))),
+        publisher(publisher),
+        agents(agents) {}
   void entryReaction(const TunnelId&) override {
     ++told;
-    for (const auto& [type, name] : shm) {
+    for (const TunnelType type : typesOfPaths) {
       auto& reader = readers[type];
-      try {
-        if (!reader) reader.emplace(name);
-      } catch (const Quarn::TableException&) {
-        continue;  // not made yet
-      }
+      if (!publisher.tableStats(type)) continue;
+      if (!reader) reader.emplace(agents.shm(type));
       reader->forEachRow([&](U64, const TunnelTableEntry& row) {
         const TunnelId first = row.nexthopTunnelId();
         EXPECT_TRUE(!first.isValid() || notifier()->entryHas(first));
       });
     }
   }
-  const Names& shm;
+  Publisher& publisher;
+  const Agents& agents;
   std::map<TunnelType, std::optional<Agent::TableReader>> readers{};
   U32 told = 0;
 };
 
 // A source with its agent, and what the agent must have made of it.
 struct Source {
-  explicit Source(const Publisher::Options& options) : options(options) { restart(); }
+  explicit Source(const Agents& agents) : agents(agents) { restart(); }
   void restart() {
+    watch.reset();
     publisher.reset();
-    publisher.emplace(options);
+    publisher.emplace(agents.options());
+    watch.emplace(*publisher, agents);
     fresh.clear();
   }
   void tell(const Path& path) {
@@ -88,22 +84,46 @@ struct Source {
     ASSERT_EQ(publisher->sweep(), stale);
   }
 
-  const Publisher::Options options;
+  const Agents& agents;
   std::optional<Publisher> publisher;
-  Model model;
-  std::set<PathKey> fresh;
-  std::map<TunnelType, std::set<U64>> indices;
+  std::optional<NoRowWithoutHops> watch;
+  Model model{};
+  std::set<PathKey> fresh{};
+  std::map<TunnelType, std::set<U64>> indices{};
 };
 
+// A path that is half told, or told in a form in which nobody finds it again.
+void expectRefusals(Publisher& publisher) {
+  Path v6 = pathOf(ldpTunnel, "v6");
+  v6.ipv6 = true;
+  const auto odd = [](U32 type) { return pathOf(static_cast<TunnelType>(type), "a"); };
+  const struct {
+    const char* what;
+    Path path;
+  } rows[] = {
+      {"needs a name",      pathOf(srTunnel, "")},
+      {"129 bytes",                   pathOf(srTunnel,                        std::string(129, 'x'))},
+      {"257 next hops",    pathOf(srTunnel,"path x", 257)},
+      {"IPv4 alone",     v6 },
+      {"rsvpTunnel",               odd(rsvpTunnel)                             },
+      {"nexthopTunnel",             odd(nexthopTunnel)                          },
+      {"25",odd(25)},
+      {"4294967295",odd(0xffffffff)},
+  };
+  for (const auto& row : rows) {
+    EXPECT_THAT(
+        [&] { publisher.pathIs(row.path); },
+        testing::ThrowsMessage<Kop::RangeException>(testing::HasSubstr(row.what)));
+    EXPECT_FALSE(publisher.pathDel(row.path.type, "a"));
+  }
+}
+
 // Any way in which rows, hops, names, directory, identifiers and the RIB part from what the
-// source told: through changes, sweeps, restarts of the agent, and while there is no
+// source told: through changes, refusals, sweeps, restarts of the agent, and while there is no
 // database, which is also when the first path of a kind is told.
 TEST_F(PublisherModel, agreesWithWhatWasTold) {
   std::minstd_rand random(20261121);
-  NoRowWithoutHops::Names tables;
-  for (const TunnelType type : {srTunnel, ldpTunnel, srTePolicyTunnel, rsvpLerTunnel})
-    tables[type] = shm(type);
-  Source source(options());
+  Source source(*this);
   Reader reader(clientOptions());
   for (U32 batch = 0; batch < 40; ++batch) {
     SCOPED_TRACE(batch);
@@ -116,9 +136,6 @@ TEST_F(PublisherModel, agreesWithWhatWasTold) {
     } else if (batch % 10 == 9) {
       source.restart();
     }
-    NoRowWithoutHops watch(
-        entityOf<NexthopTunnelTable>(*source.publisher, Agent::nexthopTablePath("one")),
-        tables);
     for (U32 step = 0; step < 50; ++step) {
       const U32 choice = static_cast<U32>(random()) % 100;
       if (choice < 70)
@@ -131,6 +148,7 @@ TEST_F(PublisherModel, agreesWithWhatWasTold) {
         source.sweep();
       if (HasFatalFailure()) return;
     }
+    expectRefusals(*source.publisher);
     if (isLost) {
       EXPECT_FALSE(source.publisher->finish(20ms));
       startDaemon();
@@ -138,7 +156,7 @@ TEST_F(PublisherModel, agreesWithWhatWasTold) {
     ASSERT_TRUE(source.publisher->finish(patience));
     ASSERT_EQ(reader.differenceTo(source.model), "");
     ASSERT_EQ(source.publisher->pathCount(), source.model.size());
-    EXPECT_GT(watch.told, 0u);
+    EXPECT_GT(source.watch->told, 0u);
     // A source that tells everything again costs no reader a change of an entity or a row.
     const auto changes = [&] {
       EXPECT_TRUE(source.publisher->finish(patience));
@@ -146,9 +164,9 @@ TEST_F(PublisherModel, agreesWithWhatWasTold) {
       for (const auto& each :
            source.publisher->client().statusAndWait(patience).connections)
         count += each.messagesIn;
-      for (const auto& [type, name] : tables)
+      for (const TunnelType type : typesOfPaths)
         if (source.publisher->tableStats(type))
-          count += Agent::TableReader(name).changeCount();
+          count += Agent::TableReader(shm(type)).changeCount();
       return count;
     };
     const U64 before = changes();
@@ -159,47 +177,23 @@ TEST_F(PublisherModel, agreesWithWhatWasTold) {
     source.sweep();
     EXPECT_EQ(changes(), before);
   }
-}
 
-// A path that is half told, or told in a form in which nobody finds it again.
-TEST_F(PublisherCalls, refuseWhatIsNoPath) {
-  Publisher publisher(options());
-  const Path there = pathOf(srTunnel, "there", 2);
-  publisher.pathIs(there);
-  Path v6 = pathOf(ldpTunnel, "v6");
-  v6.ipv6 = true;
-  const auto odd = [](U32 type) { return pathOf(static_cast<TunnelType>(type), "a"); };
-  const struct {
-    const char* what;
-    Path path;
-  } rows[] = {
-      {"needs a name",      pathOf(srTunnel, "")},
-      {"129 bytes",                   pathOf(srTunnel,                        std::string(129, 'x'))},
-      {"257 next hops",    pathOf(srTunnel,"there", 257)},
-      {"IPv4 alone",     v6 },
-      {"rsvpTunnel",               odd(rsvpTunnel)                             },
-      {"nexthopTunnel",             odd(nexthopTunnel)                          },
-      {"25",odd(25)},
-      {"4294967295",odd(0xffffffff)},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    EXPECT_THAT(
-        [&] { publisher.pathIs(row.path); },
-        testing::ThrowsMessage<Kop::RangeException>(testing::HasSubstr(row.what)));
-    EXPECT_FALSE(publisher.pathDel(row.path.type, "a"));
-  }
-  ASSERT_TRUE(publisher.finish(patience));
-  EXPECT_EQ(Reader(clientOptions())
-                .differenceTo({
-                    {keyOf(there), there}
-  }),
-            "");
+  // What is to leave nothing.
+  source.tell(pathOf(srTunnel, "a"));
+  ASSERT_TRUE(source.publisher->withdraw(patience));
+  EXPECT_THROW(source.publisher->pathIs(pathOf(srTunnel, "a")), Kop::InternalException);
+  EXPECT_TRUE(source.publisher->client().listAndWait("tunnel", patience).empty());
+  EXPECT_THROW(Agent::TableReader(shm(srTunnel)), Quarn::TableException);
+  EXPECT_TRUE(reader.wait([&] { return reader.directory.agents().empty(); }));
+  reader.rib.update();
+  EXPECT_EQ(reader.rib.rowCount(), 0u);
+  source.restart();
+  EXPECT_EQ(source.publisher->pathCount(), 0u);
 }
 
 // Convergence that is told before the database has what it is about, is not taken back, or
 // starts from nothing again.
-TEST_F(PublisherCalls, raiseConvergenceBehindWhatWasTold) {
+TEST_F(PublisherModel, raisesConvergenceBehindWhatWasTold) {
   std::optional<Publisher> publisher(options());
   Reader reader(clientOptions());
   const auto finishedAs = [&](bool isConverged, U64 system, U64 coloured) {
@@ -217,10 +211,7 @@ TEST_F(PublisherCalls, raiseConvergenceBehindWhatWasTold) {
   };
   publisher->pathIs(pathOf(srTunnel, "a"));
   publisher->converged();
-  const auto lu =
-      entityOf<BgpLuConvergence>(*publisher, Agent::bgpLuConvergencePath("one"));
-  EXPECT_FALSE(lu->bgpLuConverged());  // the server knows nothing of the path yet
-  EXPECT_FALSE(publisher->drained());
+  EXPECT_FALSE(publisher->drained());  // the server knows nothing of the path yet
   EXPECT_TRUE(finishedAs(true, 1, 0));
   EXPECT_TRUE(publisher->drained());
 
@@ -237,23 +228,6 @@ TEST_F(PublisherCalls, raiseConvergenceBehindWhatWasTold) {
   EXPECT_TRUE(finishedAs(false, 2, 2));
   publisher->converged();
   EXPECT_TRUE(finishedAs(true, 3, 3));
-}
-
-// What an agent leaves behind that was to leave nothing.
-TEST_F(PublisherCalls, withdrawLeavesNothing) {
-  Publisher publisher(options());
-  publisher.pathIs(pathOf(srTunnel, "a"));
-  publisher.pathIs(pathOf(ldpTunnel, "b"));
-  ASSERT_TRUE(publisher.finish(patience));
-  Reader reader(clientOptions());
-  ASSERT_TRUE(reader.wait([&] { return reader.directory.tables().size() == 3; }));
-  ASSERT_TRUE(publisher.withdraw(patience));
-  EXPECT_THROW(publisher.pathIs(pathOf(srTunnel, "a")), Kop::InternalException);
-  EXPECT_TRUE(publisher.client().listAndWait("tunnel", patience).empty());
-  EXPECT_THROW(Agent::TableReader(shm(srTunnel)), Quarn::TableException);
-  EXPECT_TRUE(reader.wait([&] { return reader.directory.agents().empty(); }));
-  EXPECT_EQ(reader.rib.update().size() + reader.rib.rowCount(), 0u);
-  EXPECT_EQ(Publisher(options()).pathCount(), 0u);
 }
 
 }  // namespace
