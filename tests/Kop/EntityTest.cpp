@@ -34,41 +34,6 @@ struct Doer : Kop::Notifiee {
   int told = 0;
 };
 
-// The attributes and keys in which two dumps differ, in the order of their paths; not what is
-// below a child.
-Log difference(const EntityDump& before, const EntityDump& now) {
-  std::set<std::string> paths;
-  for (const EntityDump* const each : {&before, &now})
-    for (const auto& [path, value] : *each) {
-      const auto old = before.find(path), young = now.find(path);
-      const bool same = old != before.end() && young != now.end() && *old == *young;
-      if (!same && std::count(path.begin(), path.end(), '/') < 2) paths.insert(path);
-    }
-  return Log(paths.begin(), paths.end());
-}
-
-// Catches a notification for nothing, none for a change, two for one, or another key. That
-// reflection writes and tells the same is tested with the types of the library.
-TEST(EntityNotify, tellsEachChangeOnce) {
-  Random random(9);
-  Log log;
-  Recorder recorder(log);
-  const auto tree = TallTree::TallTreeIs("t");
-  TreeModel model = dump(*tree);
-  tree->notifieeAdd(&recorder);
-  for (U32 serial = 0; serial < 1500; ++serial) {
-    const TreeModel before = model;
-    log.clear();
-    randomWrite(random, *tree, model, serial / 2, serial % 10);
-    if (serial % 10 == 0) {  // may be several changes
-      const std::set<std::string> once(log.begin(), log.end());
-      log.assign(once.begin(), once.end());
-    }
-    ASSERT_EQ(log, difference(before, model)) << serial;
-    ASSERT_EQ(dump(*tree), model) << serial;
-  }
-}
-
 // Catches what reflection must refuse. What it does is tested with the types of the library.
 TEST(EntityReflection, refusesWhatIsNotThere) {
   const auto tree = TallTree::TallTreeIs("t");

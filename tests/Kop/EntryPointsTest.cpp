@@ -59,15 +59,7 @@ TEST(EntryPoints, sendAndTakeWhatASessionDoes) {
   EXPECT_FALSE(flow.hasDirtyCollKeys());
 }
 
-TEST(EntryPoints, findTypesEnumeratorsAndAttributes) {
-  for (const Kop::ModuleDescriptor* const module : Kop::modules())
-    for (const Kop::TypeRecord& type : module->types) {
-      EXPECT_EQ(module->type(type.name), &type) << type.name;
-      if (type.kind != Kop::Kind::enumeration) continue;
-      for (const auto& member : type.members)
-        EXPECT_EQ(type.enumerator(member.value), &member) << type.name;
-    }
-  EXPECT_EQ(Kop::findModule("TestTypes")->type("Sample::Nothing"), nullptr);
+TEST(EntryPoints, readAttributesByNumber) {
   const Kop::FwkType port{Kop::findModule("TestTypes"), 3};
   const Port value(5, U8{7});
   U8 chip = 0;

@@ -1,66 +1,14 @@
-#include <functional>
 #include <sstream>
 #include <vector>
-
-#include <dlfcn.h>
 
 #include <gtest/gtest.h>
 
 #include "Kop/GenericIfImpl.h"
-#include "Kop/Module.h"
 #include "TestTypes.h"
 #include "TreeModel.h"
 
 namespace Sample {
 namespace {
-
-using std::string_literals::operator""s;
-
-// Catches an error text that does not say where, or a range that is not kept.
-TEST(ValueText, namesWhatItCouldNotRead) {
-  const auto failing = [](auto parse) {
-    try {
-      parse();
-    } catch (const Kop::RangeException& error) {
-      return "range: "s + error.what();
-    } catch (const Kop::Exception& error) {
-      return "error: "s + error.what();
-    }
-    return "accepted"s;
-  };
-  const std::string port = "Value('Sample::Port', ** {'index': 5, 'chip': 1})";
-  const std::string place =
-      "Value('Sample::Place', ** {'port': " + port +
-      ", 'label': 'it\\'s', 'level': 4, 'shape': lineString, 'colour': 66, 'up': True, "
-      "'weight': 0.5, 'width': 9})";
-  const std::string area =
-      "Value('Sample::Area', ** {'place': " + place + ", 'code': 7})";
-  const Place value(Port(5, U8{1}), "it's", Level(4), lineString, static_cast<Colour>(66),
-                    true, 0.5f, U16{9});
-  EXPECT_EQ(valueToStrep(Area(value, 7u)), std::string_view(area));
-  EXPECT_EQ(strepToValue<Area>(area), Area(value, 7u));
-  // clang-format off
-  const struct {
-    const char *from, *to, *error;
-  } rows[] = {
-      {"'level': 4", "'level': 2", "range: place: level: Sample::Level::value is no level"},
-      {"'level': 4", "'level': 65536", "range: place: level: attribute 'value' out of range"},
-      {"'index': 5", "'index': x", "error: cannot read attribute 'index'"},
-      {"'chip': 1", "'chip': 256", "range: place: port: attribute 'chip' out of range"},
-      {"'chip': 1", "'chap': 1", "error: expected \", 'chip': \""},
-      {"Sample::Port", "Sample::Pork", "error: expected \"Value('Sample::Port', ** {'index': \""},
-      {"'code': 7})", "'code': 7}", "error: expected \"})\""},
-      {"lineString", "lines", "error: Sample::Shape has no enumerator 'lines'"},
-      {"lineString", "256", "range: place: shape: attribute 'Sample::Shape' out of range"},
-      {"'code': 7})", "'code': 7}) ", "error: unexpected text after the value:  "},
-  };
-  // clang-format on
-  for (const auto& row : rows) {
-    std::string text = area;
-    text.replace(text.find(row.from), std::string(row.from).size(), row.to);
-    EXPECT_EQ(failing([&] { strepToValue<Area>(text); }), row.error) << text;
-  }
-}
 
 // Catches collections in a value that are taken in part, with a key twice or not at all.
 TEST(ValueCollections, areWholeOrRefused) {
@@ -98,20 +46,8 @@ TEST(ValueCollections, areWholeOrRefused) {
   EXPECT_THROW(Kop::TypeImpl<Crowd>::genericIfHash(&read), Kop::UnhashableTypeException);
 }
 
-// Catches a word that is cut short, and a number that is taken for no number.
-TEST(ValueEnum, readsTheLongestWordOrANumber) {
-  const std::pair<const char*, U32> rows[] = {
-      {"line",       1  },
-      {"lineString", 2  },
-      {"31",         31 },
-      {"255",        255},
-  };
-  for (const auto& [text, number] : rows)
-    EXPECT_EQ(strepToValue<Shape>(text), number);
-  for (const char* text : {"lin", "lineStrings", "", "-1", "1x"})
-    EXPECT_THROW(strepToValue<Shape>(text), Kop::Exception) << text;
-  EXPECT_EQ(strepToValue<Colour>("4294967295"), 0xffffffff);
-  EXPECT_THROW(strepToValue<Colour>("4294967296"), Kop::RangeException);
+// Catches a number or a name that is taken for no enumerator, or one for another.
+TEST(ValueEnum, goesByNumberAndByName) {
   EXPECT_EQ(ShapeInstance(31), area);
   EXPECT_EQ(ColourInstance("distant"), distant);
   EXPECT_THROW(ShapeInstance(256 + 1), Kop::RangeException);
@@ -120,16 +56,6 @@ TEST(ValueEnum, readsTheLongestWordOrANumber) {
   std::ostringstream out;
   out << std::hex << static_cast<Shape>(26) << redder;
   EXPECT_EQ(out.str(), "26redder");
-}
-
-// Catches a descriptor that others do not find under the name that tells its contents.
-TEST(ValueModule, isExportedUnderItsDigest) {
-  const Kop::ModuleDescriptor* const module = Kop::findModule("TestTypes");
-  ASSERT_TRUE(module);
-  std::ostringstream symbol;
-  symbol << "TestTypes_" << std::hex << module->digest;
-  EXPECT_EQ(dlsym(RTLD_DEFAULT, symbol.str().c_str()), module) << symbol.str();
-  EXPECT_EQ(Kop::moduleOf(*Kop::findType("Sample::Hop")), module);
 }
 
 // Catches a derived value that answers for its base.
