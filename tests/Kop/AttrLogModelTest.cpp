@@ -56,10 +56,9 @@ TEST(AttrLogCut, atEveryByteLeavesAPastState) {
 TEST(AttrLogCut, writesInAnswerToAWriteFollowIt) {
   const auto tree = TallTree::TallTreeIs("t");
   struct Answer : Kop::Reactor<TallTree> {
-    using Reactor::Reactor;
     void markReaction(const U32&) override { notifier()->flagIs("answer", true); }
-  };
-  const Answer answer(tree);  // listens before the session does
+  } answer;
+  answer.notifierIs(tree);  // listens before the session does
   Stream stream;
   const Session session(stream, tree, Session::writes);
   tree->markIs(1);

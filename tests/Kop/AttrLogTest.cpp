@@ -339,12 +339,11 @@ TEST(AttrLogBoth, sidesWriteToEachOtherWithoutEcho) {
 
   // Whoever hears of a new child may fill it at once.
   struct Fill : Kop::Reactor<TallTree> {
-    using Reactor::Reactor;
     void branchReaction(const Kop::String& key) override {
       if (const auto branch = notifier()->branch(key)) branch->labelIs("filled");
     }
-  };
-  const Fill fill(b);
+  } fill;
+  fill.notifierIs(b);
   a->branchIs("c");
   settle();
   EXPECT_EQ(a->branch("c")->label(), "filled");

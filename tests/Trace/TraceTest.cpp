@@ -1,3 +1,5 @@
+#include <atomic>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -5,38 +7,26 @@
 
 #include "Trace/Trace.h"
 
-// Puts the sink and the level back that a test changes.
-class TraceTest : public testing::Test {
- protected:
-  void SetUp() override {
-    Trace::sinkIs([this](const Trace::Handle& handle, int level, std::string_view text) {
-      lines.push_back(handle.name() + "/" + std::to_string(level) + " " +
-                      std::string(text));
-    });
-  }
-  void TearDown() override {
-    Trace::sinkIs({});
-    Trace::defaultHandle().levelIs(Trace::Handle::off);
-  }
-  std::vector<std::string> lines;
-};
-
 // Catches a text that is built although nobody wants it, and levels that are off by one.
-TEST_F(TraceTest, textIsOnlyBuiltWhenItsLevelIsOn) {
+TEST(TraceTest, textIsOnlyBuiltWhenItsLevelIsOn) {
+  std::string lines;
+  Trace::sinkIs([&](const Trace::Handle& handle, int level, std::string_view text) {
+    lines += handle.name() + "/" + std::to_string(level) + " " + std::string(text) + "; ";
+  });
   auto& handle = Trace::defaultHandle();
   int built = 0;
   const auto text = [&] { return "line " + std::to_string(++built); };
   handle.line(0, text);
-  EXPECT_EQ(built, 0);
   handle.levelIs(8);
   handle.line(9, text);
   EXPECT_EQ(built, 0);
   handle.line(8, text);
   handle.line(0, text);
   handle.line(8, "plain");
-  EXPECT_EQ(lines, (std::vector<std::string>{"default/8 line 1", "default/0 line 2",
-                                             "default/8 plain"}));
+  EXPECT_EQ(lines, "default/8 line 1; default/0 line 2; default/8 plain; ");
   EXPECT_EQ(&handle, &Trace::handle("default"));
+  Trace::sinkIs({});
+  handle.levelIs(Trace::Handle::off);
 }
 
 // Catches a handle that does not get its level from the environment, an entry that spoils
@@ -77,9 +67,11 @@ TEST(TraceEnvironmentDeathTest, levels) {
 TEST(TraceThreads, linesReachTheSinkOneByOne) {
   constexpr int threadCount = 4, linesPerThread = 2000;
   int inside = 0, overlaps = 0, count = 0;  // the sink itself is what protects them
-  Trace::sinkIs([&](const Trace::Handle&, int, std::string_view) {
+  std::set<const Trace::Handle*> handles;
+  Trace::sinkIs([&](const Trace::Handle& handle, int, std::string_view) {
     overlaps += ++inside != 1;
     ++count;
+    handles.insert(&handle);
     --inside;
   });
   std::atomic<bool> stop{false};
@@ -89,11 +81,9 @@ TEST(TraceThreads, linesReachTheSinkOneByOne) {
         Trace::handle("threads").levelIs(level);
   });
   std::vector<std::thread> threads;
-  std::vector<const Trace::Handle*> handles(threadCount);
   for (int t = 0; t < threadCount; ++t)
-    threads.emplace_back([&, t] {
+    threads.emplace_back([] {
       auto& handle = Trace::handle("threads");
-      handles[static_cast<std::size_t>(t)] = &handle;
       if (handle.level() < 5) handle.levelIs(5);
       for (int i = 0; i < linesPerThread; ++i)
         handle.line(5, [i] { return std::to_string(i); });
@@ -105,6 +95,5 @@ TEST(TraceThreads, linesReachTheSinkOneByOne) {
   Trace::sinkIs({});
   EXPECT_EQ(overlaps, 0);
   EXPECT_EQ(count, threadCount * linesPerThread);
-  for (const auto* handle : handles)
-    EXPECT_EQ(handle, handles[0]);
+  EXPECT_EQ(handles.size(), 1u);
 }
