@@ -13,6 +13,7 @@
 #include "Toggle/Toggle.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
+#include "tests/Support/Rows.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -38,41 +39,6 @@ std::string hexOf(U32 number) {
 }
 constexpr U64 afBit = 1ull << 43;
 
-struct Kind {
-  U32 type;
-  const char* name;
-  const char* cliText;
-  int table;  // none: -1
-  int transport;
-  char family;  // A: IPv4 only, B: by the bit, C: none
-  bool entropyLabel;
-};
-constexpr Kind kinds[] = {
-    {0,  "invalidTunnel",           "invalidTunnel",    0,  0, 'A', false},
-    {1,  "bgpLuPushTunnel",         "BGP LU Push",      2,  1, 'A', true },
-    {2,  "bgpLuTunnel",             "BGP LU",           1,  1, 'A', true },
-    {3,  "ldpTunnel",               "LDP",              3,  1, 'A', true },
-    {4,  "nexthopTunnel",           "Nexthop",          -1, 0, 'A', false},
-    {5,  "staticTunnel",            "Static MPLS",      9,  1, 'B', true },
-    {6,  "evpnVxlanTunnel",         "EVPN VXLAN",       15, 0, 'A', false},
-    {7,  "srTunnel",                "IS-IS SR",         7,  1, 'B', true },
-    {8,  "srTeSegmentListTunnel",   "SR-TE",            11, 1, 'C', true },
-    {9,  "staticInterfaceTunnel",   "Static Interface", -1, 2, 'C', false},
-    {10, "rsvpTunnel",              "RSVP",             -1, 1, 'A', true },
-    {11, "nexthopGroupTunnel",      "Nexthop Group",    10, 1, 'B', false},
-    {12, "tiLfaTunnel",             "TI-LFA",           16, 1, 'A', false},
-    {13, "ospfSrTunnel",            "OSPF SR",          8,  1, 'B', true },
-    {14, "srTePolicyTunnel",        "SR-TE Policy",     17, 1, 'A', false},
-    {15, "vxlanVtepEncapTunnel",    "VXLAN VTEP Encap", -1, 0, 'A', false},
-    {16, "rsvpLerTunnel",           "RSVP LER",         6,  1, 'A', false},
-    {17, "rsvpFrrTunnel",           "RSVP FRR",         4,  1, 'A', false},
-    {18, "kelSdkSbfdSessionTunnel", "KelSdk sBFD",      18, 1, 'A', false},
-    {19, "vxlanTunnel",             "VXLAN",            -1, 0, 'A', false},
-    {20, "rsvpLerSubTunnel",        "RSVP LER SUB",     5,  1, 'A', false},
-    {21, "isisFlexAlgoTunnel",      "IS-IS FlexAlgo",   19, 1, 'B', true },
-    {22, "mldpTunnel",              "MLDP",             20, 1, 'A', false},
-    {31, "maxTunnelType",           "maxTunnelType",    -1, 0, 'A', false},
-};
 // Digits in groups, as a process-wide locale may want them in texts that other programs read.
 struct Grouping : std::numpunct<char> {
   char do_thousands_sep() const override { return '.'; }
@@ -86,41 +52,41 @@ TEST(TunnelKindsDeathTest, propertiesByType) {
   testing::GTEST_FLAG(death_test_style) = "fast";
   const auto before =
       std::locale::global(std::locale(std::locale::classic(), new Grouping));
-  for (const Kind& kind : kinds) {
-    SCOPED_TRACE(kind.name);
-    const auto type = static_cast<TunnelType>(kind.type);
-    const std::string cliText = kind.cliText;
-    EXPECT_EQ(TunnelTypeInstance(Kop::String(kind.name)), type);
-    EXPECT_EQ(TunnelTypeInstance(kind.type), type);
+  for (const auto& row : Support::rowsIn("Tunnel/kinds.txt")) {
+    const std::string &name = row[1], &cliText = row[2], &family = row[5];
+    SCOPED_TRACE(name);
+    const auto type = static_cast<TunnelType>(std::stoul(row[0]));
+    EXPECT_EQ(TunnelTypeInstance(Kop::String(name)), type);
+    EXPECT_EQ(TunnelTypeInstance(U32{type}), type);
     for (const bool json : {false, true})
       EXPECT_EQ(TunnelId::tunnelTypeToCliStrep(type, json), cliText);
     const TunnelId id(TunnelId::convertToTunnelValue(type, 1234567));
     EXPECT_EQ(valueToStrep(id), std::to_string(id.value()));
     EXPECT_EQ(id.tunnelType(), type);
     EXPECT_EQ(id.typeCliStr(), cliText);
-    if (kind.table >= 0) {
-      EXPECT_EQ(int{id.tableType()}, kind.table);
+    if (row[3] != "-") {
+      EXPECT_EQ(std::to_string(id.tableType()), row[3]);
     } else {
       EXPECT_EXIT((void)id.tableType(), testing::KilledBySignal(SIGABRT),
                   "Tunnel/TunnelBasicTypes: .*Assertion "
                   "\"false && \"No tunnel table identifier for type\"\" failed");
     }
-    EXPECT_EQ(int{id.tunnelTransportType()}, kind.transport);
-    EXPECT_EQ(id.supportsEntropyLabelPush(), kind.entropyLabel);
-    EXPECT_EQ(id.toStrep(), std::string("Table:") + kind.name + "-Index:12d687");
+    EXPECT_EQ(std::to_string(id.tunnelTransportType()), row[4]);
+    EXPECT_EQ(id.supportsEntropyLabelPush(), row[6] == "yes");
+    EXPECT_EQ(id.toStrep(), "Table:" + name + "-Index:12d687");
     EXPECT_EQ(id.toCliStrep(), cliText + " tunnel index 1234567");
     EXPECT_EQ(id.addressFamilyCliStr(), "IPv4");
-    EXPECT_EQ(int(id.tunnelAf()), kind.family == 'C' ? 0 : 1);
-    EXPECT_EQ(TunnelId::isFlexAlgoTunnelType(type), kind.type == 21);
+    EXPECT_EQ(int(id.tunnelAf()), family == "none" ? 0 : 1);
+    EXPECT_EQ(TunnelId::isFlexAlgoTunnelType(type), type == isisFlexAlgoTunnel);
 
     const TunnelId six(TunnelId::convertToTunnelValue(type, afBit | 26));
     EXPECT_EQ(six.addressFamilyCliStr(), "IPv6");
     EXPECT_EQ(six.tunnelIndex(), 26u);
-    const std::string refusal = "IPv6 not yet supported for " + hexOf(kind.type);
-    if (kind.family == 'A')
-      EXPECT_EQ(thrown<Kop::InternalException>([&] { six.tunnelAf(); }), refusal);
+    if (family == "only")
+      EXPECT_EQ(thrown<Kop::InternalException>([&] { six.tunnelAf(); }),
+                "IPv6 not yet supported for " + hexOf(type));
     else
-      EXPECT_EQ(int(six.tunnelAf()), kind.family == 'B' ? 2 : 0);
+      EXPECT_EQ(int(six.tunnelAf()), family == "bit" ? 2 : 0);
   }
   for (const U32 number : {23u, 30u, 32u, 0xfffffu}) {
     SCOPED_TRACE(number);
