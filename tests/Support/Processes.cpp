@@ -1,10 +1,15 @@
 #include "tests/Support/Processes.h"
 
+#include <cstdlib>
 #include <fstream>
+#include <sstream>
+
+#include <gmock/gmock.h>
 
 #include "Quarn/Table.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "apps/agent/Places.h"
+#include "tests/Support/Rows.h"
 
 namespace Support {
 
@@ -35,6 +40,35 @@ std::unique_ptr<Process> WithDatabase::startCommand(
   command.insert(command.end(), arguments.begin(), arguments.end());
   return std::make_unique<Process>(command,
                                    directory_ + "/run" + std::to_string(++runs_));
+}
+
+std::unique_ptr<Process> WithDatabase::shell(const std::string& line) {
+  ::setenv("HIVEL_SOCKET", socket_.c_str(), 1);
+  ::setenv("EXAMPLES", HOUSE_SOURCE_DIR "/examples", 1);
+  return startCommand(
+      "/bin/sh", {"-c", "PATH=" HOUSE_BIN_DIR ":$PATH; cd " + directory_ + "; " + line});
+}
+
+namespace {
+
+std::string squeezed(const std::string& text) {
+  std::istringstream words(text);
+  std::string all;
+  for (std::string word; words >> word;)
+    all += (all.empty() ? "" : " ") + word;
+  return all;
+}
+
+}  // namespace
+
+void WithDatabase::play(const std::string& rows) {
+  for (const auto& row : rowsIn(rows)) {
+    SCOPED_TRACE(row[0]);
+    const auto process = shell(row[0]);
+    EXPECT_EQ(process->join(), std::stoi(row.at(1))) << process->said();
+    for (std::size_t i = 2; i < row.size(); ++i)
+      EXPECT_THAT(squeezed(process->said()), testing::HasSubstr(squeezed(row[i])));
+  }
 }
 
 std::string WithDatabase::file(const std::string& name, const std::string& text) const {

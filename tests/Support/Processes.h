@@ -26,6 +26,15 @@ class WithDatabase : public testing::Test {
   // A command of ours, or one with its folder.
   std::unique_ptr<Process> startCommand(const std::string& name,
                                         const std::vector<std::string>& arguments);
+  // A command as a shell has it, in directory_: ours are in its path, the database is at
+  // $HIVEL_SOCKET, the examples in $EXAMPLES.
+  std::unique_ptr<Process> start(const std::string& line) {
+    return shell("exec " + line);
+  }
+  std::unique_ptr<Process> shell(const std::string& line);
+  // Runs a table of tests/: each row a line of the shell, its exit status and what it says
+  // somewhere, where all white space is alike.
+  void play(const std::string& rows);
   std::string file(const std::string& name, const std::string& text) const;
   Hivel::ClientOptions clientOptions(const std::string& name = "test") const;
 

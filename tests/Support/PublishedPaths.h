@@ -2,7 +2,7 @@
 
 #include <functional>
 #include <map>
-#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -37,6 +37,22 @@ std::string read(const Agent::TableDirectory& directory,
 
 // The same through a connection of its own, which waits until all has arrived.
 Published publishedBy(const std::string& agent, const Hivel::ClientOptions& options);
+
+// A sink of paths, of whichever program, that only remembers: what is there, and of which
+// paths it was told.
+template <class Sink>
+struct HeldPaths : Sink {
+  void pathIs(const Agent::Path& path) override {
+    paths[keyOf(path)] = path;
+    told.insert(keyOf(path));
+  }
+  void pathDel(TunnelType type, const Kop::String& name) override {
+    paths.erase({type, std::string(name)});
+    told.insert({type, std::string(name)});
+  }
+  Paths paths;
+  std::multiset<PathKey> told;
+};
 
 // The row of a path.
 Tunnel::TunnelTable::TunnelTableEntry rowOf(const Agent::Path& path,

@@ -1,91 +1,55 @@
-#include <atomic>
 #include <chrono>
-#include <sstream>
 #include <thread>
 
-#include <gmock/gmock.h>
-
-#include "apps/tunnelgen/CommandLine.h"
 #include "apps/tunnelgen/GraphMl.h"
 #include "apps/tunnelgen/Mesh.h"
 #include "tests/Support/Processes.h"
 #include "tests/Support/PublishedPaths.h"
-#include "tests/Support/Rows.h"
 
-// The command in this process, and against the daemon in processes of their own.
+// The command against the daemon, in processes of their own.
 
 namespace Tunnelgen {
 namespace {
 
-using testing::HasSubstr;
-
-const std::string abilene = HOUSE_SOURCE_DIR "/examples/abilene.graphml";
-
-void expectRows(const std::vector<std::vector<std::string>>& rows, bool stopped = false) {
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row[0]);
-    std::ostringstream out, err;
-    const std::atomic<bool> stop = stopped;
-    const int status = run(
-        Support::wordsOf(Support::replaced(row[0], "ABILENE", abilene)), out, err, stop);
-    EXPECT_EQ(status, std::stoi(row[1])) << err.str();
-    EXPECT_THAT(status == 0 ? out.str() : err.str(), HasSubstr(row[2]));
-    if (status != 0) {
-      EXPECT_EQ(err.str().find('\n'), err.str().size() - 1) << err.str();
-    }
-  }
-}
-
-// Catches a wrong argument that is taken for another one, an error without its cause, counts
-// of something else, and a run that does not end when it should.
-TEST(Command, answersWithStatusAndText) {
-  expectRows(Support::rowsIn("tunnelgen/commands.txt"));
-  // Without end, were it not stopped.
-  expectRows(Support::rowsOf("ABILENE --fail-rate 10 --hold | 0 | tunnels"), true);
-}
-
-struct Held final : Sink {
-  void pathIs(const Agent::Path& path) override { paths[Support::keyOf(path)] = path; }
-  void pathDel(Support::TunnelType type, const Kop::String& name) override {
-    paths.erase({type, std::string(name)});
-  }
-  Support::Paths paths;
-};
-
 class CommandProcesses : public Support::WithDatabase {
  protected:
-  std::unique_ptr<Support::Process> start(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {abilene, "--socket", socket_});
-    return startCommand("tunnelgen", arguments);
+  auto generate(const std::string& arguments) {
+    return start("tunnelgen $EXAMPLES/abilene.graphml --socket $HIVEL_SOCKET " +
+                 arguments);
   }
   // What readers see of all tunnels, after their agent has gone or still at work.
   Support::Paths seen() {
     return Support::publishedBy("tunnelgen", clientOptions()).paths;
   }
   static Support::Paths computed(Mesh::Options options, Metric metric) {
-    Topology topology = readGraphMl(abilene);
+    Topology topology = readGraphMl(HOUSE_SOURCE_DIR "/examples/abilene.graphml");
     topology.metricIs(metric, 100);
     if (options.router) options.router = topology.router("sttl");
-    Held held;
+    Support::HeldPaths<Sink> held;
     Mesh(topology, options).tell(held, 0, Mesh::maxTunnels);
     return held.paths;
   }
 };
 
+// Catches a wrong argument that is taken for another one, an error without its cause, counts
+// of something else, and a run that does not end when it should.
+TEST_F(CommandProcesses, answerWithStatusAndText) {
+  play("tunnelgen/commands.txt");
+}
+
 // Catches tunnels that do not reach other processes as they were computed, those that a
 // failure changed and a return did not restore, and old ones that stay.
 TEST_F(CommandProcesses, othersReadWhatIsPublished) {
-  auto first = start(
-      {"--stack", "explicit", "--metric", "hops", "--changes", "30", "--down", "6"});
+  auto first = generate("--stack explicit --metric hops --changes 30 --down 6");
   EXPECT_EQ(first->join(), 0);
-  EXPECT_THAT(first->said(), HasSubstr("published  110 tunnels in "));
-  EXPECT_THAT(first->said(), HasSubstr("latency"));
+  EXPECT_TRUE(first->says("published  110 tunnels in "));
+  EXPECT_TRUE(first->says("latency"));
   Mesh::Options options;
   options.stack = Stack::adjacencies;
   EXPECT_EQ(seen(), computed(options, Metric::hops));
 
   // Started again with less it takes the tunnels over, and goes when it is told to.
-  auto second = start({"--router", "Seattle", "--hold"});
+  auto second = generate("--router Seattle --hold");
   EXPECT_TRUE(second->says("holding"));
   EXPECT_TRUE(second->says("100 of an earlier run deleted"));
   options.stack = Stack::node;
@@ -94,23 +58,23 @@ TEST_F(CommandProcesses, othersReadWhatIsPublished) {
   EXPECT_EQ(second->end(SIGTERM), 0) << second->said();
   EXPECT_TRUE(second->says("ending on a signal"));
 
-  EXPECT_EQ(start({"--withdraw"})->join(), 0);
+  EXPECT_EQ(generate("--withdraw")->join(), 0);
   EXPECT_TRUE(seen().empty());
 }
 
 // Catches tunnels that a signal in the midst of changes leaves without their next hops, a
 // database that returns without them, and one that is waited for without end.
 TEST_F(CommandProcesses, endsInTheMidstOfChanges) {
-  auto failing = start({"--kind", "ldpTunnel", "--fail-rate", "500/s"});
+  auto failing = generate("--kind ldpTunnel --fail-rate 500/s");
   EXPECT_TRUE(failing->says("published"));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(failing->end(SIGINT), 0) << failing->said();
   EXPECT_TRUE(failing->says("ending on a signal"));
   EXPECT_FALSE(seen().empty());
-  EXPECT_EQ(start({"--kind", "ldpTunnel", "--withdraw"})->join(), 0);
+  EXPECT_EQ(generate("--kind ldpTunnel --withdraw")->join(), 0);
 
   // One link at a time cuts nobody off here.
-  auto survivor = start({"--fail-rate", "50", "--down", "1"});
+  auto survivor = generate("--fail-rate 50 --down 1");
   ASSERT_TRUE(survivor->says("published"));
   killDaemon();
   startDaemon();
@@ -118,7 +82,7 @@ TEST_F(CommandProcesses, endsInTheMidstOfChanges) {
   EXPECT_EQ(survivor->end(SIGINT), 0) << survivor->said();
   EXPECT_EQ(seen().size(), 110u);
 
-  auto orphan = start({"--fail-rate", "50", "--timeout", "0.5"});
+  auto orphan = generate("--fail-rate 50 --timeout 0.5");
   ASSERT_TRUE(orphan->says("published"));
   killDaemon();
   EXPECT_EQ(orphan->join(), 1);
