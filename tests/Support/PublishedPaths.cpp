@@ -121,4 +121,11 @@ std::string lineOf(const Agent::Path& path) {
   return line;
 }
 
+std::vector<std::string> linesOf(const Paths& paths) {
+  std::vector<std::string> lines;
+  for (const auto& [key, path] : paths)
+    lines.push_back(lineOf(path));
+  return lines;
+}
+
 }  // namespace Support

@@ -59,7 +59,8 @@ Tunnel::TunnelTable::TunnelTableEntry rowOf(const Agent::Path& path,
                                             TunnelId id,
                                             TunnelId firstHop);
 
-// A path as one line.
+// A path as one line, and all of them.
 std::string lineOf(const Agent::Path& path);
+std::vector<std::string> linesOf(const Paths& paths);
 
 }  // namespace Support

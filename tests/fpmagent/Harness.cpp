@@ -17,12 +17,9 @@ namespace FpmTest {
 const std::vector<std::string> recordings = {"abilene-r1-sr-flap", "pair-evpn-vxlan+srte",
                                              "ring4-isis-sr-flap+3000-static"};
 
-std::string fileOf(const std::string& recording) {
-  return HOUSE_SOURCE_DIR "/examples/fpm/" + recording + ".fpm";
-}
-
 Bytes recording(const std::string& name) {
-  const std::string bytes = Support::contents(fileOf(name));
+  const std::string bytes =
+      Support::contents(HOUSE_SOURCE_DIR "/examples/fpm/" + name + ".fpm");
   return {bytes.begin(), bytes.end()};
 }
 
@@ -78,32 +75,28 @@ Bytes frameOf(const std::string& text) {
 void Memory::pathIs(const Agent::Path& path) {
   if (std::string_view(path.name) == refuses)
     throw Kop::RangeException("no room for " + refuses);
-  const auto [held, isNew] = paths.try_emplace(Support::keyOf(path));
-  if (isNew || !(held->second.path == path)) ++changes;
-  held->second = {path, false};
+  const auto held = paths.find(Support::keyOf(path));
+  changes += held == paths.end() || !(held->second == path);
+  stale.erase(Support::keyOf(path));
+  HeldPaths::pathIs(path);
 }
 
 void Memory::pathDel(Tunnel::TunnelTable::TunnelType type, const Kop::String& name) {
-  changes += paths.erase({type, std::string(name)});
+  changes += paths.contains({type, std::string(name)});
+  HeldPaths::pathDel(type, name);
 }
 
 void Memory::mark() {
-  for (auto& [key, held] : paths)
-    held.stale = true;
+  for (const auto& [key, path] : paths)
+    stale.insert(key);
 }
 
 U64 Memory::sweep() {
   const U64 swept =
-      std::erase_if(paths, [](const auto& row) { return row.second.stale; });
+      std::erase_if(paths, [&](const auto& row) { return stale.contains(row.first); });
   changes += swept;
+  stale.clear();
   return swept;
-}
-
-std::vector<std::string> Memory::lines() const {
-  std::vector<std::string> all;
-  for (const auto& [key, held] : paths)
-    all.push_back(Support::lineOf(held.path));
-  return all;
 }
 
 void Stream::feed(std::span<const U8> bytes, std::size_t piece) {

@@ -16,9 +16,7 @@ using namespace Fpm;
 using Bytes = std::vector<U8>;
 
 extern const std::vector<std::string> recordings;
-std::string fileOf(
-    const std::string& recording);  // one of examples/fpm, without its ending
-Bytes recording(const std::string& name);
+Bytes recording(const std::string& name);  // of examples/fpm, without its ending
 Bytes head(const Bytes& stream, std::size_t size);
 
 // A frame with one message: its type, the beginning of its body in hexadecimal (-: none),
@@ -27,23 +25,16 @@ Bytes head(const Bytes& stream, std::size_t size);
 // "24 1c140000fec10001 1=0004d100" is a switched path of label 77 by LDP.
 Bytes frameOf(const std::string& text);
 
-class Memory : public PathSink {
+class Memory : public Support::HeldPaths<PathSink> {
  public:
-  struct Held {
-    Agent::Path path;
-    bool stale = false;
-  };
-
   void pathIs(const Agent::Path& path) override;
   void pathDel(Tunnel::TunnelTable::TunnelType type, const Kop::String& name) override;
   void mark() override;
   U64 sweep() override;
   void converged() override { ++convergences; }
+  std::vector<std::string> lines() const { return Support::linesOf(paths); }
 
-  // Every path as a line, by kind and name.
-  std::vector<std::string> lines() const;
-
-  std::map<Support::PathKey, Held> paths;
+  std::set<Support::PathKey> stale;
   U64 changes = 0, convergences = 0;
   std::string refuses;  // the name of a path that there is no room for
 };

@@ -6,7 +6,6 @@
 
 #include "Harness.h"
 #include "tests/Support/Processes.h"
-#include "tests/Support/Rows.h"
 
 // The agent and the state database, each in a process of its own; what they hold is read by a
 // third, through the database and through shared memory.
@@ -15,33 +14,22 @@ namespace FpmTest {
 namespace {
 
 using namespace std::chrono_literals;
-using Support::Process;
 using testing::HasSubstr;
 using testing::UnorderedElementsAreArray;
 
 class FpmProcesses : public Support::WithDatabase {
  protected:
-  void SetUp() override {
-    WithDatabase::SetUp();
-    ::setenv("HIVEL_SOCKET", socket_.c_str(), 1);
+  auto replay(const std::string& name, const std::string& options = "") {
+    return start("fpmagent --replay $EXAMPLES/fpm/" + name + ".fpm " + options);
   }
-  std::unique_ptr<Process> agent(const std::vector<std::string>& arguments) {
-    return startCommand("fpmagent", arguments);
-  }
-  std::unique_ptr<Process> listener() {
-    auto running = agent({"--listen", "127.0.0.1:0", "--quiet-time", "0.5"});
+  auto listener() {
+    auto running = start("fpmagent --listen 127.0.0.1:0 --quiet-time 0.5");
     EXPECT_TRUE(running->says("listening on 127.0.0.1 port "));
     const std::string log = running->err();
     port_ = static_cast<U16>(std::stoul(log.substr(log.rfind(' '))));
     return running;
   }
   Support::Published seen() { return Support::publishedBy("fpm", clientOptions()); }
-  static std::vector<std::string> linesOf(const Support::Published& published) {
-    std::vector<std::string> lines;
-    for (const auto& [key, path] : published.paths)
-      lines.push_back(Support::lineOf(path));
-    return lines;
-  }
   U16 port_ = 0;
 };
 
@@ -50,18 +38,18 @@ class FpmProcesses : public Support::WithDatabase {
 TEST_F(FpmProcesses, aReplayArrivesWholeAndARestartKeepsIdentifiers) {
   for (const std::string& name : {recordings[2], recordings[1]}) {
     SCOPED_TRACE(name);
-    EXPECT_EQ(agent({"--replay", fileOf(name)})->join(), 0);
+    EXPECT_EQ(replay(name)->join(), 0);
     const auto first = seen();
-    EXPECT_THAT(linesOf(first),
+    EXPECT_THAT(Support::linesOf(first.paths),
                 UnorderedElementsAreArray(FpmTest::linesOf(recording(name))));
-    const auto again = agent({"--replay", fileOf(name), "--pace", "5000"});
+    const auto again = replay(name, "--pace 5000");
     EXPECT_EQ(again->join(), 0) << again->err();
     EXPECT_TRUE(again->says("; 0 stale paths deleted"));
     EXPECT_EQ(seen().ids, first.ids);
   }
   const auto begin = std::chrono::steady_clock::now();
-  const auto last = agent({"--replay", fileOf(recordings[1]), "--pace", "100", "--hold",
-                           "--remove", "--log", "debug", "--status-interval", "0.1"});
+  const auto last = replay(
+      recordings[1], "--pace 100 --hold --remove --log debug --status-interval 0.1");
   EXPECT_TRUE(last->says("everything"));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 22 * 10ms);
   EXPECT_TRUE(last->says("3 tunnels (isis 2, srte 1)")) << "at an interval";
@@ -80,7 +68,8 @@ TEST_F(FpmProcesses, aDaemonThatComesBackFindsItsTunnels) {
   daemon->send(stream);
   ASSERT_TRUE(running->says("; 0 stale paths deleted"));
   const auto first = seen();
-  EXPECT_THAT(linesOf(first), UnorderedElementsAreArray(FpmTest::linesOf(stream)));
+  EXPECT_THAT(Support::linesOf(first.paths),
+              UnorderedElementsAreArray(FpmTest::linesOf(stream)));
 
   daemon.emplace(port_);
   daemon->send(head(stream, 1000));
@@ -98,7 +87,8 @@ TEST_F(FpmProcesses, aDaemonThatComesBackFindsItsTunnels) {
   ASSERT_TRUE(running->says("; 18 stale paths deleted"));
   EXPECT_EQ(running->end(SIGTERM), 0) << running->err();
   const auto last = seen();
-  EXPECT_THAT(linesOf(last), UnorderedElementsAreArray(FpmTest::linesOf(part)));
+  EXPECT_THAT(Support::linesOf(last.paths),
+              UnorderedElementsAreArray(FpmTest::linesOf(part)));
   for (const auto& [key, id] : last.ids)
     EXPECT_EQ(id, first.ids.at(key)) << key.second;
 }
@@ -146,33 +136,7 @@ TEST_F(FpmProcesses, tellsTheServiceManagerWhenADaemonCanConnect) {
 // Catches a wrong command line that is guessed at, a failure with status 0, and a replay that
 // calls a stream whole that is not.
 TEST_F(FpmProcesses, saysWhatIsWrong) {
-  const std::string pair = fileOf(recordings[1]);
-  const Bytes cut = head(recording(recordings[1]), 130);
-  const std::string rows = R"(
---listen 127.0.0.1            | 2 | found '127.0.0.1', expected ADDR:PORT
---listen ::1:2620             | 2 | found '::1:2620', expected ADDR:PORT
---listen 127.0.0.1:65536      | 2 | found '127.0.0.1:65536', expected ADDR:PORT
---interface 3                 | 2 | found '3', expected INDEX=NAME
---interface 3=Ethernet5000    | 2 | 3=Ethernet5000: 
---mode 0999                   | 2 | found '0999', expected an octal mode
---pace 5                      | 2 | --pace requires --replay
---listen 192.0.2.1:2620       | 1 | bind 192.0.2.1 port 2620: 
---replay /nowhere             | 1 | /nowhere: No such file
---replay /                    | 1 | cannot be read; nothing is withdrawn
-)"
-                           "--replay " HOUSE_SOURCE_DIR
-                           "/README.md | 1 | offset 0: frame version: found\n"
-                           "--replay " +
-                           file("cut", {cut.begin(), cut.end()}) +
-                           " | 1 | in the middle of a frame; nothing is withdrawn\n" +
-                           "--socket /nowhere/sock --timeout 0.1 --replay " + pair +
-                           " | 1 | /nowhere/sock\n";
-  for (const auto& row : Support::rowsOf(rows)) {
-    SCOPED_TRACE(row[0]);
-    const auto running = agent(Support::wordsOf(row[0]));
-    EXPECT_EQ(running->join(), std::stoi(row[1]));
-    EXPECT_THAT(running->err(), HasSubstr(row[2]));
-  }
+  play("fpmagent/commands.txt");
 }
 
 }  // namespace
