@@ -221,6 +221,7 @@ TEST_F(FpmState, makesPathsOfRoutes) {
   std::vector<Hop> hops(4, pushing(16));
   hops[0].interface = 0, hops[1].interface = 7, hops[2].interface = 99999;
   hops[3].interface = 100000;
+  hops[0].labels.labels[0] = 17;
   RouteMessage inTable = routeVia(3, 196);
   inTable.table = 10;
   inTable.metric = 5;
@@ -236,7 +237,7 @@ TEST_F(FpmState, makesPathsOfRoutes) {
 ldp-10.1.0.0/16 type 3 10.1.0.0/16 metric 0 | 10.0.0.2 if1 push[17]
 static-10.1.0.0/16-table10 type 5 10.1.0.0/16 metric 5 | 10.0.0.2 if1 noOperation[] | 10.0.0.2 if1 push[17] | 10.0.0.2 if1 push[18]
 isis-2001:db8::/32 type 7 2001:db8::/32 metric 0 ipv6 | 10.0.0.2 if1 push[18]
-isis-label-20 type 7  metric 0 | 10.0.0.2  swap[16] | 10.0.0.2 if99999 swap[16] | 10.0.0.2 Ethernet3 swap[16] | 10.0.0.2 Generic63.100000.0 swap[16]
+isis-label-20 type 7  metric 0 | 10.0.0.2  swap[17] | 10.0.0.2 if99999 swap[16] | 10.0.0.2 Ethernet3 swap[16] | 10.0.0.2 Generic63.100000.0 swap[16]
 srte-label-21 type 14  metric 0 | 10.0.0.2 if1 swap[17] | 10.0.0.2 if1 swap[18] | 10.0.0.2 if1 pop[]
 )" + 1);
 }

@@ -35,11 +35,8 @@ class Followed : public testing::Test {
   void receive(const Message& message) { stream_.receive(message.span()); }
   static Message vxlan(U16 type, U32 sequence, U32 index, U32 vni, U16 flags = 0) {
     return Message(type, sequence, flags)
-        .link(index, ("x" + std::to_string(index)).c_str())
-        .tunnel("vxlan", [&](nlmsghdr* header) {
-          mnl_attr_put_u32(header, IFLA_VXLAN_ID, vni);
-          mnl_attr_put_u32(header, IFLA_VXLAN_GROUP, 0x0200000a);
-        });
+        .link(index, "x" + std::to_string(index))
+        .tunnel("vxlan", "2=0a000002 1=0" + std::to_string(vni) + "000000");
   }
   static std::string entry(U32 vni) {
     return std::string(valueToStrep(Tunnel::VxlanTunnelInfo(
@@ -91,7 +88,7 @@ TEST_F(Followed, appliesWhatAKernelSent) {
 // never made again, and half a datagram that is applied.
 TEST_F(Followed, asksAgainUntilAListIsWhole) {
   stream_.dumpIsAsked(1);
-  receive(vxlan(RTM_NEWLINK, 1, 4, 40));
+  receive(vxlan(RTM_NEWLINK, 1, 4, 4));
   stream_.cut();  // its end was in what was cut
   EXPECT_TRUE(stream_.wantsDump());
   stream_.dumpIsAsked(2);
@@ -101,18 +98,18 @@ TEST_F(Followed, asksAgainUntilAListIsWhole) {
   EXPECT_EQ(lists_, 0);
 
   stream_.dumpIsAsked(3);
-  receive(vxlan(RTM_NEWLINK, 3, 5, 50));
+  receive(vxlan(RTM_NEWLINK, 3, 5, 5));
   EXPECT_TRUE(vxlans().empty());
   receive(done(3));
-  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(50)});
+  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(5)});
 
   stream_.askAgain();
   stream_.dumpIsAsked(4);
   EXPECT_THROW(receive(done(4, -EPERM, NLMSG_ERROR)), NetlinkException);
-  const Message event = vxlan(RTM_NEWLINK, 0, 9, 90);
+  const Message event = vxlan(RTM_NEWLINK, 0, 9, 9);
   EXPECT_THROW(stream_.receive(event.span().first(event.span().size() - 4)),
                NetlinkException);
-  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(50)});
+  EXPECT_EQ(vxlans(), std::multiset<std::string>{entry(5)});
 }
 
 // Catches any order of lists, events and losses after which the table is not what the kernel

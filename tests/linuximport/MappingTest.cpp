@@ -58,55 +58,13 @@ TEST(Mapping, readsWhatAKernelTells) {
 // Catches what no kernel sends and one day does: attributes that are cut or have another
 // width, names without end, flags and an encapsulation without a name.
 TEST(Mapping, namesWhatItCannotRead) {
-  struct Row {
-    const char* kind;
-    std::function<void(nlmsghdr*)> data;
-    const char* text;
-  };
-  const U8 six[6] = {10, 0, 0, 1, 0, 0};
-  const auto ends = [](nlmsghdr* h) { mnl_attr_put_u32(h, IFLA_GRE_REMOTE, 0x0200000a); };
-  // clang-format off
-  const Row rows[] = {
-      {"gre", [&](nlmsghdr* h) { mnl_attr_put(h, IFLA_GRE_LOCAL, 6, six); },
-       "malformed: IFLA_LINKINFO.IFLA_INFO_DATA.IFLA_GRE_LOCAL: 6 bytes, expected 4"},
-      {"ip6gre", ends,
-       "malformed: IFLA_LINKINFO.IFLA_INFO_DATA.IFLA_GRE_REMOTE: 4 bytes, expected 16"},
-      {"ipip",
-       [](nlmsghdr* h) {
-         mnl_attr_put_u16(h, IFLA_IPTUN_TTL, 1);
-         mnl_attr_put(h, IFLA_IPTUN_PMTUDISC, 0, nullptr);
-       },
-       "malformed: IFLA_LINKINFO.IFLA_INFO_DATA.IFLA_IPTUN_TTL: 2 bytes, expected 1; "
-       "IFLA_LINKINFO.IFLA_INFO_DATA.IFLA_IPTUN_PMTUDISC: 0 bytes, expected 1"},
-      {"vxlan",
-       [](nlmsghdr* h) {
-         mnl_attr_put_u32(h, IFLA_VXLAN_ID, 1);
-         auto* const last = static_cast<nlattr*>(mnl_nlmsg_get_payload_tail(h));
-         mnl_attr_put_u32(h, IFLA_VXLAN_GROUP, 1);
-         last->nla_len = 400;
-       },
-       "malformed: IFLA_LINKINFO.IFLA_INFO_DATA: attribute 2 claims 400 bytes, 8 are left"},
-      {"a-kind-whose-name-is-longer-than-any-that-the-kernel-would-ever-take", ends,
-       "malformed: IFLA_LINKINFO.IFLA_INFO_KIND: not a name of 1 to 63 bytes"},
-      {"gre",
-       [&](nlmsghdr* h) {
-         ends(h);
-         mnl_attr_put_u16(h, IFLA_GRE_IFLAGS, 0x0060);  // big-endian 0x6000: key, routing
-         mnl_attr_put_u16(h, IFLA_GRE_ENCAP_TYPE, TUNNEL_ENCAP_GUE);
-         mnl_attr_put_u32(h, 999, 1);  // from a kernel to come
-       },
-       "GUE, incoming flags 0x4000"},
-  };
-  // clang-format on
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    const Message message =
-        Message(RTM_NEWLINK, 0).link(7, "t7").tunnel(row.kind, row.data);
-    const Link link = readLink(message.payload());
-    EXPECT_EQ(link.index, 7u);
-    EXPECT_EQ(link.name, "t7");
+  for (const auto& row : Support::rowsIn("linuximport/malformed.txt")) {
+    SCOPED_TRACE(row[2]);
+    const Link link =
+        readLink(Message(RTM_NEWLINK, 0).link(7, "t7").tunnel(row[0], row[1]).payload());
+    EXPECT_EQ(std::to_string(link.index) + link.name, "7t7");
     const Mapped mapped = map(link);
-    EXPECT_EQ(mapped.reason + joined(mapped.leftOut), row.text);
+    EXPECT_EQ(mapped.reason + joined(mapped.leftOut), row[2]);
     EXPECT_NE(mapped.reason.empty(), mapped.description.index() == 0);
   }
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <functional>
 #include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -50,19 +51,29 @@ class Message {
     header()->nlmsg_seq = sequence;
     header()->nlmsg_flags = flags;
   }
-  Message& link(U32 index, const char* name, U8 family = AF_UNSPEC) {
+  Message& link(U32 index, const std::string& name) {
     auto* const info =
         static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(header(), sizeof(ifinfomsg)));
-    info->ifi_family = family;
     info->ifi_index = static_cast<int>(index);
-    mnl_attr_put_strz(header(), IFLA_IFNAME, name);
+    mnl_attr_put_strz(header(), IFLA_IFNAME, name.c_str());
     return *this;
   }
-  Message& tunnel(const char* kind, const std::function<void(nlmsghdr*)>& data) {
+  // Attributes of a kind as NUMBER=HEX, or NUMBER:N=HEX of one that claims N bytes.
+  Message& tunnel(const std::string& kind, const std::string& attributes) {
     nlattr* const info = mnl_attr_nest_start(header(), IFLA_LINKINFO);
-    mnl_attr_put_strz(header(), IFLA_INFO_KIND, kind);
+    mnl_attr_put_strz(header(), IFLA_INFO_KIND, kind.c_str());
     nlattr* const nest = mnl_attr_nest_start(header(), IFLA_INFO_DATA);
-    data(header());
+    std::istringstream words(attributes);
+    for (std::string word; words >> word;) {
+      std::string bytes;
+      for (auto at = word.find('=') + 1; at < word.size(); at += 2)
+        bytes += static_cast<char>(std::stoul(word.substr(at, 2), nullptr, 16));
+      auto* const last = static_cast<nlattr*>(mnl_nlmsg_get_payload_tail(header()));
+      mnl_attr_put(header(), static_cast<U16>(std::stoul(word)), bytes.size(),
+                   bytes.data());
+      if (const auto colon = word.find(':'); colon != word.npos)
+        last->nla_len = static_cast<U16>(std::stoul(word.substr(colon + 1)));
+    }
     mnl_attr_nest_end(header(), nest);
     mnl_attr_nest_end(header(), info);
     return *this;

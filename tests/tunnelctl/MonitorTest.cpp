@@ -1,4 +1,5 @@
 #include <map>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -74,15 +75,12 @@ TEST(EntityWatch, forgetsRemovedChildren) {
   const auto child = entity->decapGroupIs("red");
   U64 count = 0;
   const ChangeSink sink = [&](const Change&) { ++count; };
-  {
-    const EntityWatch watch(entity, "", sink, false);
-    EXPECT_EQ(child->notifieeCount(), 1u);
-    entity->decapGroupDel("red");
-    EXPECT_EQ(count, 1u);
-    EXPECT_EQ(child->notifieeCount(), 0u);
-    entity->decapGroupIs("red");
-    EXPECT_EQ(count, 2u);
-  }
+  std::optional<EntityWatch> watch(std::in_place, entity, "", sink, false);
+  EXPECT_EQ(child->notifieeCount(), 1u);
+  entity->decapGroupDel("red");
+  EXPECT_EQ(child->notifieeCount(), 0u);
+  EXPECT_EQ(count, 1u);
+  watch.reset();
   EXPECT_EQ(entity->notifieeCount(), 0u);
 }
 

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tests/Support/Processes.h"
 
@@ -23,18 +20,13 @@ struct Result {
 
 class CtlProcesses : public Support::WithDatabase {
  protected:
-  std::unique_ptr<Process> start(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"-s", socket_});
-    return startCommand("tunnelctl", arguments);
-  }
-  Result ctl(std::vector<std::string> arguments) {
-    const auto process = start(std::move(arguments));
+  Result ctl(const std::string& arguments) {
+    const auto process = start("tunnelctl " + arguments);
     const int status = process->join();
     return {status, process->out(), process->err()};
   }
-  std::unique_ptr<Process> startMonitor(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "monitor");
-    auto monitor = start(std::move(arguments));
+  std::unique_ptr<Process> startMonitor(const std::string& arguments) {
+    auto monitor = start("tunnelctl monitor " + arguments);
     EXPECT_TRUE(eventually([&] {
       return monitor->out().find("changes from here on") != std::string::npos ||
              monitor->out().find("\"mark\"") != std::string::npos;

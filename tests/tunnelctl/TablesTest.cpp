@@ -8,7 +8,6 @@
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "apps/agent/Publisher.h"
 #include "apps/tunnelctl/Json.h"
-#include "tests/Support/Rows.h"
 #include "tests/tunnelctl/Processes.h"
 
 namespace Tunnelctl {
@@ -16,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace Tunnel::TunnelTable;
-using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using Vantor::IpGenPrefix;
@@ -68,28 +66,18 @@ class TablesProcesses : public CtlProcesses {
     ASSERT_TRUE(publisher_->finish(10s));
   }
 
+  // Plays the commands of a transcript; what they say is all that it has.
   void expectTranscript(const std::string& file) {
     const std::string text = contents(HOUSE_SOURCE_DIR "/tests/tunnelctl/" + file);
-    EXPECT_THAT(text, HasSubstr("\n$ ")) << file;
-    for (auto at = text.find("\n$ "); at != text.npos;) {
-      const auto end = text.find('\n', at + 1), next = text.find("\n$ ", end);
-      const std::string command = text.substr(at + 3, end - at - 3);
-      const Result result = ctl(Support::wordsOf(command));
-      EXPECT_EQ(result.status, 0) << result.err;
-      const auto last = next == text.npos ? text.size() : next + 1;
-      EXPECT_EQ(result.out, text.substr(end + 1, last - end - 1)) << command;
-      at = next;
+    std::istringstream lines(text);
+    std::string played;
+    for (std::string line; std::getline(lines, line);) {
+      if (line[0] != '$' && line[0] != '#') continue;
+      played += line + "\n";
+      if (line[0] == '$') played += ctl(line.substr(2)).out;
     }
+    EXPECT_EQ(played, text);
   }
-  // Arguments, exit status, what is said somewhere.
-  void expectRows(const std::string& text) {
-    for (const auto& row : Support::rowsOf(text)) {
-      const Result result = ctl(Support::wordsOf(row[0]));
-      EXPECT_EQ(result.status, std::stoi(row[1])) << row[0] << result.err;
-      EXPECT_THAT(result.out + result.err, ContainsRegex(row[2])) << row[0];
-    }
-  }
-
   std::unique_ptr<Agent::Publisher> publisher_;
 };
 
@@ -99,31 +87,7 @@ class TablesProcesses : public CtlProcesses {
 TEST_F(TablesProcesses, areShown) {
   tellAll();
   expectTranscript("tables.transcript");
-  expectRows("table           | 0 | fpm +srTunnelTable +srTunnel +4 +4 +" +
-             std::to_string(getpid()) + R"( +yes
--d table        | 0 | fpm +nexthopTunnelTable-fpm +nexthopTunnel +3 
-table --verify  | 0 | 
-names           | 0 | fpm +LDP +1 +[0-9]+ +ldp\n
-names frob      | 1 | frob
-rib 10.9.9.9    | 1 | 10.9.9.9
-table frob      | 2 | NAME 'frob': expected one of the tables 
-table --limit 2 | 2 | --limit
--j table tunnel/table/srTunnelTable | 0 | \[16001\]\},\{[^}]*\[16002,16001\]\}\],"name":"node-1"\}\]
--j rib          | 0 | "candidates":4,"withoutEndpoint":1,"odd":0\},\{"endpoint":"10.0.0.1/32","candidates":2,
-)");
-}
-
-// Catches names that are shown though a collection does not know them.
-TEST_F(TablesProcesses, namesThatDisagreeAreTold) {
-  const std::string names = file("names.json", R"([{"path": "tunnel/tunnelName/other",
- "type": "Tunnel::TunnelTable::ProtocolTunnelNameStatus",
- "localTunnelNameStatus": {"ldpTunnel": {"tunnelNameToId": {"odd": 52776558133249}}}},
- {"path": "tunnel/tableInfo/other",
-  "type": "Tunnel::TunnelTable::TunnelTableInfoCollection"}])");
-  ASSERT_EQ(ctl({"apply", names}).status, 0);
-  expectRows(
-      "names | 1 | other: LDP tunnel index 1 odd: not in tunnelIdToName, "
-      "tunnelIdNamePair");
+  play("tunnelctl/tables.txt");
 }
 
 // Catches a table of another process whose damage ends the command, or is not told.
@@ -141,21 +105,13 @@ TEST_F(TablesProcesses, faultsOfRowsAreToldAndEndNothing) {
     foreign.tunnelBwIs(TunnelBandwidth(std::numeric_limits<float>::quiet_NaN()));
     writer.rowIs(foreign.tunnelId().value(), foreign);
   }
-  expectRows(R"(
-table srTunnelTable          | 0 | type 25 +7 
-table                        | 0 | srTunnel +7 +7 +- +no
-table srTunnelTable --verify | 1 | type 25 index 7: is of type 25
-table srTunnelTable --verify | 1 | stands under key 99, but says it is 5
-table srTunnelTable --verify | 1 | is LDP tunnel index 7, but the table holds srTunnel; has a bandwidth that is no number
--j table --verify            | 1 | 
-rib                          | 0 | endpoint
-)");
+  play("tunnelctl/odd-rows.txt");
 }
 
 // Catches changes of rows that are not seen, or are told without what changed.
 TEST_F(TablesProcesses, monitorFollowsRows) {
   tellAll();
-  auto monitor = startMonitor({"-d", "tunnel/table/srTunnelTable"});
+  auto monitor = startMonitor("-d tunnel/table/srTunnelTable");
   EXPECT_THAT(monitor->out(), HasSubstr("via 10.1.0.5  Ethernet2  push 16002 16001"));
   tell(path(srTunnel, "node-2", "10.0.0.9/32", 30));
   EXPECT_TRUE(monitor->says(
@@ -181,7 +137,7 @@ TEST_F(TablesProcesses, monitorFollowsRows) {
 // another table takes the place of the one it looks at.
 TEST_F(TablesProcesses, monitorSurvivesOverrunAndRestart) {
   tellAll();
-  auto monitor = startMonitor({"-j", "tunnel/table/srTunnelTable"});
+  auto monitor = startMonitor("-j tunnel/table/srTunnelTable");
   monitor->send(SIGSTOP);
   Agent::Path busy = path(srTunnel, "node-2", "", 10);
   for (U32 i = 0; i < 70'000; ++i) {
@@ -207,7 +163,7 @@ TEST_F(TablesProcesses, monitorSurvivesOverrunAndRestart) {
 // because only its next hops are others.
 TEST_F(TablesProcesses, monitorFollowsTheBestOfEachEndpoint) {
   tellAll();
-  auto monitor = startMonitor({"-d", "--rib", "10.0.0.0/8"});
+  auto monitor = startMonitor("-d --rib 10.0.0.0/8");
   EXPECT_THAT(monitor->out(), Not(HasSubstr("2001:db8")));
   publisher_->pathDel(ldpTunnel, "ldp");
   EXPECT_TRUE(
