@@ -4,38 +4,16 @@
 #include <gtest/gtest.h>
 
 #include "Vantor/IntfId.h"
+#include "tests/Support/Rows.h"
 
 using Vantor::IntfId;
 
 // Catches a row whose words or limits move: words are stored and sent, names are typed.
 TEST(IntfIdNames, wordOfEveryRow) {
-  const std::pair<const char*, U64> rows[] = {
-      {"",                                 0                  },
-      {"A",                                0x0041000000000000 },
-      {"abcdefg",                          0x0061626364656667 },
-      {" ~'\\",                            0x00207e275c000000 },
-      {"Vlan",                             0x00566c616e000000 },
-      {"Ethernet1",                        0x0100100000000000 },
-      {"Ethernet4095/4095/255.16777215",   0x01ffffffffffffff },
-      {"Ethernet3.7",                      0x0100300000000007 },
-      {"Loopback0",                        0x0200000000000000 },
-      {"Vlan4094",                         0x0300000ffe000000 },
-      {"Vlan1",                            0x0300000001000000 },
-      {"Vxlan4294967295",                  0x04ffffffff000000 },
-      {"Tunnel12",                         0x050000000c000000 },
-      {"SrTePolicyTunnel1966080.5",        0x13001e0000000005 },
-      {"DynamicTunnel3145728.5",           4179393230757953541},
-      {"DynamicTunnel4294967295.16777215", 0x3affffffffffffff },
-      {"Generic0.1.0",                     0x0000000001000000 }, // a byte behind a NUL
-      {"Generic0.2130706432.0",            0x007f000000000000 }, // no printable byte
-      {"Generic0.1449943406.3211264",      0x00566c616e310000 }, // "Vlan1" is another word
-      {"Generic1.1048577.0",               0x0100100001000000 }, // a lane without a port
-      {"Generic3.1.2",                     0x0300000001000002 },
-      {"Generic255.4294967295.16777215",   0xffffffffffffffff },
-  };
-  for (const auto& [name, word] : rows) {
-    EXPECT_EQ(IntfId(name).value(), word) << name;
-    EXPECT_EQ(IntfId::fromValue(word).stringValue(), name);
+  for (const auto& row : Support::rowsIn("Vantor/interfaces.txt")) {
+    const U64 word = std::stoull(row[1], nullptr, 16);
+    EXPECT_EQ(IntfId(row[0].c_str()).value(), word) << row[0];
+    EXPECT_EQ(IntfId::fromValue(word).stringValue(), row[0]);
   }
 }
 
