@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "Drem/Error.h"
+#include "Kop/EntityImpl.h"
 #include "LogLink.h"
 #include "TreeModel.h"
 
@@ -14,6 +15,7 @@ namespace {
 using Kop::EntityOp;
 using Kop::NboAttrLog::In;
 using Kop::NboAttrLog::Out;
+using Type = Kop::TypeImpl<TallTree>;
 
 std::string hex64(U64 number) {
   return Kop::stringPrintf("%016lx", number).c_str();
@@ -48,13 +50,8 @@ Kop::Ptr<TallTree> fullTree() {
 // Catches a layout that changed: the peers are other builds of this system.
 TEST(AttrLogBytes, areThoseOfTheLayout) {
   const auto tree = TallTree::TallTreeIs("t");
-  const auto earlier = tree->branchIs("earlier");
   Stream stream;
   Session session(stream, tree, Session::writes);
-  earlier->labelIs("the peer does not know of it");
-  ASSERT_TRUE(taken(stream).empty());
-  tree->branchDel("earlier");
-  taken(stream);
   const U64 self = tree->identity();
   const Place place(Port(0x0102030405060708, U8{9}), "ab", Level(4), area, redder, true,
                     -1.0f, U16{0x1234});
@@ -134,13 +131,13 @@ TEST(AttrLogPump, stoppedAfterEveryMessageSendsAllFromItsStart) {
     taken(stream);
     EntitySa& sa = adapterOf(*tree);
     const auto flow = newFlowOut(sa, start);
-    EXPECT_EQ(handleAttrFlowOut(sa, 300, flow.get()), 0xffffffffu);
+    EXPECT_EQ(Type::handleAttrFlowOut(sa, 300, flow.get()), 0xffffffffu);
     stream.creditIs(0);
-    U32 at = handleAttrFlowOut(sa, start, flow.get());
+    U32 at = Type::handleAttrFlowOut(sa, start, flow.get());
     EXPECT_TRUE(start > 0 || (at == 258 && stream.out().empty()));
     while (at != 0) {
       stream.creditIs(1);
-      const U32 next = handleAttrFlowOut(sa, at, flow.get());
+      const U32 next = Type::handleAttrFlowOut(sa, at, flow.get());
       if (flow->bookmark() != 0)
         ASSERT_EQ(flow->bookmark(), next);
       else
@@ -315,15 +312,14 @@ TEST(AttrLogBoth, sidesWriteToEachOtherWithoutEcho) {
   const auto settle = [&] {
     U64 messages = 0;
     for (bool quiet = false; !quiet;) {
-      quiet = aSession.process();
-      quiet = bSession.process() && quiet;
+      aSession.process(), bSession.process();
       const auto toB = taken(aStream), toA = taken(bStream);
       for (const Bytes& each : toB)
         bStream.received(each);
       for (const Bytes& each : toA)
         aStream.received(each);
       messages += toA.size() + toB.size();
-      quiet = quiet && toA.empty() && toB.empty();
+      quiet = toA.empty() && toB.empty();
     }
     return messages;
   };
@@ -347,6 +343,38 @@ TEST(AttrLogBoth, sidesWriteToEachOtherWithoutEcho) {
   a->branchIs("c");
   settle();
   EXPECT_EQ(a->branch("c")->label(), "filled");
+}
+
+// Catches a function of a type that sends or takes another thing than the session does.
+TEST(AttrLogEntryPoints, sendAndTakeWhatASessionDoes) {
+  const auto tree = TallTree::TallTreeIs("t"), copy = TallTree::TallTreeIs("copy");
+  Stream stream;
+  Session session(stream, tree, Session::writes);
+  EntitySa& sa = adapterOf(*tree);
+  const U32 five = 5;
+  tree->markIs(five);
+  const std::vector<Bytes> set = taken(stream);
+  ASSERT_EQ(set.size(), 1u);
+  Type::kopHandleMarkSerializeSing(*tree, sa, five);
+  EXPECT_EQ(taken(stream), set);
+  Type::streamAdapterOnAttribute(sa, 258, &five);
+  EXPECT_EQ(taken(stream), set);
+  EXPECT_TRUE(Type::kopHandleMarkSerializeColl(*tree, sa, nullptr));
+  const std::vector<Bytes> all = taken(stream);
+  EXPECT_EQ(std::count(all.begin(), all.end(), set[0]), 1);
+
+  Reader reader(copy, tree->identity());
+  EntitySa& its = *reader.stream.demux(tree->identity());
+  In in(&set[0][13], set[0].size() - 13), again = in;
+  Type::doHandleAttrDeserialization(its, 258, in);
+  EXPECT_TRUE(copy->markHas(five));
+  EXPECT_THROW(Type::doHandleAttrDeserialization(its, 999, again),
+               Kop::LogCorruptException);
+
+  stream.creditIs(0);
+  tree->markIs(6);
+  Type::freeResyncState(*sa.flowOut());
+  EXPECT_FALSE(sa.flowOut()->hasDirtyCollKeys());
 }
 
 // Catches two walks at once, and a message that is applied within another one.

@@ -66,6 +66,7 @@ TEST(EntityDestruction, detachesChildrenThenObserversThenDropsTheMaps) {
     tree->hasNotificationActiveIs(false);
     EXPECT_EQ(tree->references(), 1u) << "the flags are no references";
     EXPECT_GE(TallTree::kopAllocTrack().bytes(), sizeof(TallTree));
+    EXPECT_THAT(TallTree::kopAllocTrack().typeName(), testing::HasSubstr("TallTree"));
     const auto dropped = tree->branchIs("dropped");
     tree->branchDelAll();
     EXPECT_EQ(dropped->parent(), nullptr);

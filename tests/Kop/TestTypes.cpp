@@ -37,7 +37,7 @@ void valueParse(Crowd&, Kop::TextIt&, const Kop::TextIt&) {
 }  // namespace Sample
 
 KOP_MODULE(TestTypes,
-           efb90f15cd8adbcc,
+           ba48ab1af487938a,
            Sample::Shape,
            Sample::Colour,
            Sample::Level,
@@ -75,11 +75,6 @@ namespace Sample {
 std::unique_ptr<Kop::NboAttrLog::FlowOut> newFlowOut(Kop::EntitySa& sa,
                                                      Kop::AttributeId start) {
   return Kop::TypeImpl<TallTree>::newFlowOut(sa, false, start);
-}
-U32 handleAttrFlowOut(Kop::EntitySa& sa,
-                      Kop::AttributeId start,
-                      Kop::NboAttrLog::FlowOut* flow) {
-  return Kop::TypeImpl<TallTree>::handleAttrFlowOut(sa, start, flow);
 }
 
 }  // namespace Sample

@@ -62,11 +62,6 @@ class Hop : public Kop::Value<Hop> {
   KOP_ATTR(3, U8, cost);
   KOP_FUNCTION(4, U32, hash);
   KOP_FUNCTION(5, U32, weighed, U32 factor, const Kop::String& text);
-
-  static Hop nearest(U32 node) { return Hop(node, U8{1}); }
-  KOP_METHOD(6, nearest);
-  void raise(const U8& by) { costIs(static_cast<U8>(cost() + by)); }
-  KOP_METHOD(7, raise);
 };
 bool valueLess(const Hop& a, const Hop& b);
 
@@ -148,11 +143,8 @@ class TallTree : public Tree {
   KOP_VALUE_MAP(387, crowd, Crowd, U16, Sample::Crowd);
 };
 
-// The pump of TallTree and its state, as its type description gives them.
+// The state of a pump of TallTree, as its type description gives it.
 std::unique_ptr<Kop::NboAttrLog::FlowOut> newFlowOut(Kop::EntitySa& sa,
                                                      Kop::AttributeId start);
-U32 handleAttrFlowOut(Kop::EntitySa& sa,
-                      Kop::AttributeId start,
-                      Kop::NboAttrLog::FlowOut* flow);
 
 }  // namespace Sample
