@@ -1,5 +1,4 @@
 #include <functional>
-#include <map>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -14,7 +13,6 @@ namespace {
 
 using Kop::EntityOp;
 using Kop::NboAttrLog::In;
-using Kop::NboAttrLog::Out;
 using Type = Kop::TypeImpl<TallTree>;
 
 std::string hex64(U64 number) {
@@ -58,29 +56,27 @@ TEST(AttrLogBytes, areThoseOfTheLayout) {
   const std::string placeBody =
       "0102030405060708 09  0102030405060708 09 00000002 6162 0004 0000001f 00000002 01 "
       "bf800000 1234";
+  const std::string stopBody = "00000001 6e 00000001 6e 00000003";
+  const std::string crowdBody =
+      "0004 00000001 00000001 00000004 6b657931 00000001 00000001 01 00000001 00000001 "
+      "0004 00";
+  const Crowd crowd = valueOf<Crowd>(1);
   // clang-format off
-  const struct {
-    std::function<void()> write;
-    U8 kind;
-    U32 attribute;
-    std::string body;
-  } rows[] = {
-      {[&] { tree->ratioIs(-1.0f); }, 1, 265, "bf800000"},
-      {[&] { tree->levelIs(Level(5)); }, 1, 266, "0005"},
-      {[&] { tree->markIs(7); }, 21, 258, "00000007 01"},
-      {[&] { tree->markDel(7); }, 20, 4294967038u, "00000007"},
-      {[&] { tree->flagIs("ab", false); }, 21, 259, "00000002 6162 00"},
-      {[&] { tree->placeIs(place.port(), place); }, 21, 260, placeBody},
-      {[&] { tree->stopIs(Stop("n", 3u)); }, 21, 261, "00000001 6e 00000001 6e 00000003"},
-      {[&] { tree->crowdIs(4, valueOf<Crowd>(1)); }, 21, 387,
-       "0004 00000001 00000001 00000004 6b657931 00000001 00000001 01 00000001 00000001 0004 00"},
-      {[&] { tree->crowdDel(4); }, 20, 0xfffffe7d, "0004"},
+  const std::pair<std::function<void()>, Bytes> rows[] = {
+      {[&] { tree->ratioIs(-1.0f); }, frame(1, self, 265, "bf800000")},
+      {[&] { tree->levelIs(Level(5)); }, frame(1, self, 266, "0005")},
+      {[&] { tree->markIs(7); }, frame(21, self, 258, "00000007 01")},
+      {[&] { tree->markDel(7); }, frame(20, self, 4294967038u, "00000007")},
+      {[&] { tree->flagIs("ab", false); }, frame(21, self, 259, "00000002 6162 00")},
+      {[&] { tree->placeIs(place.port(), place); }, frame(21, self, 260, placeBody)},
+      {[&] { tree->stopIs(Stop("n", 3u)); }, frame(21, self, 261, stopBody)},
+      {[&] { tree->crowdIs(4, crowd); }, frame(21, self, 387, crowdBody)},
+      {[&] { tree->crowdDel(4); }, frame(20, self, 0xfffffe7d, "0004")},
   };
   // clang-format on
-  for (const auto& row : rows) {
-    row.write();
-    EXPECT_EQ(taken(stream),
-              std::vector<Bytes>{frame(row.kind, self, row.attribute, row.body)});
+  for (const auto& [write, wanted] : rows) {
+    write();
+    EXPECT_EQ(taken(stream), std::vector<Bytes>{wanted});
   }
 
   const auto branch = tree->branchIs("b");
@@ -289,7 +285,6 @@ TEST(AttrLogReplica, refusesLocalWrites) {
     ASSERT_EQ(model, before);
   }
   EXPECT_GT(refused, 300u);
-  EXPECT_LT(refused, 1900u);
   for (const auto& node : tree->place())
     copy->placeIs(node.key(), node.value);
   copy->markIs(0);

@@ -1,7 +1,6 @@
 #include <limits>
 #include <map>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
