@@ -9,22 +9,21 @@
 // their sign or width.
 TEST(DremFormat, holesAreFilledInOrder) {
   const void* pointer = reinterpret_cast<const void*>(std::uintptr_t{0xDeadBeef01});
+  const std::string text("a\0b", 3);
   const struct {
     const char* format;
     std::initializer_list<Drem::FormatArg> args;
     std::string wanted;
   } rows[] = {
-      {"no hole",    {1},                                           "no hole"                                  },
-      {"{}{}",       {1, 2},                                        "12"                                       },
-      {"{} of {}",   {"{}", "x"},                                   "{} of x"                                  },
-      {"{} {}",      {7},                                           "7 {}"                                     },
-      {"{ } {0} }{", {7},                                           "{ } {0} }{"                               },
-      {"{} {}",      {LLONG_MIN, ULLONG_MAX},                       "-9223372036854775808 18446744073709551615"},
-      {"{} {} {}",   {std::uint8_t{200}, std::int8_t{-1}, true},    "200 -1 true"                              },
-      {"{}",         {pointer},                                     "0xdeadbeef01"                             },
-      {"{} {}",
-       {std::string("a\0b", 3), static_cast<const char*>(nullptr)},
-       {"a\0b (null)", 10}                                                                                     },
+      {"no hole",    {1},                                        "no hole"                                  },
+      {"{}{}",       {1, 2},                                     "12"                                       },
+      {"{} of {}",   {"{}", "x"},                                "{} of x"                                  },
+      {"{} {}",      {7},                                        "7 {}"                                     },
+      {"{ } {0} }{", {7},                                        "{ } {0} }{"                               },
+      {"{} {}",      {LLONG_MIN, ULLONG_MAX},                    "-9223372036854775808 18446744073709551615"},
+      {"{} {} {}",   {std::uint8_t{200}, std::int8_t{-1}, true}, "200 -1 true"                              },
+      {"{}",         {pointer},                                  "0xdeadbeef01"                             },
+      {"{} {}",      {text, static_cast<const char*>(nullptr)},  {"a\0b (null)", 10}                        },
   };
   for (const auto& row : rows)
     EXPECT_EQ(Drem::fill(row.format, row.args), row.wanted) << row.format;

@@ -91,8 +91,10 @@ TEST(PodArray, tooManyElementsInABuffer) {
     const auto text = Kop::stringPrintf(
         "expected size <= 4, instead got %u. Buffer is at address: %p with contents: %s",
         count, static_cast<void*>(bytes.get()), contents);
-    EXPECT_THAT([&] { array.set(bytes.get(), count, bytesLeft); },
-                testing::ThrowsMessage<Drem::InvalidSizeException>(text.c_str()));
+    const auto take = [&, n = count, size = bytesLeft] {
+      array.set(bytes.get(), n, size);
+    };
+    EXPECT_THAT(take, testing::ThrowsMessage<Drem::InvalidSizeException>(text.c_str()));
     EXPECT_EQ(Kop::strepOf(array), "[0, 9]");
   }
 }
