@@ -126,7 +126,7 @@ TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
   ASSERT_TRUE(loop.until([&] { return out.settled() && writer.drained(); }));
   const Mount& in = reader.mount("a", Mode::read, {nullptr, {}, false});
   ASSERT_TRUE(loop.until([&] { return isLive(in); }));
-  const Ptr<Plot> replica = plotOf(in);
+  const Ptr<Plot> replica = plotOf(in.entity());
   std::minstd_rand random(7);
   for (int round = 0; round < 4; ++round) {
     SCOPED_TRACE(round);

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <stdexcept>
+#include <thread>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,14 +44,6 @@ Ptr<Plot> somePlot(const char* name) {
   return plot;
 }
 
-Ptr<Plot> plotOf(const Mount& mount) {
-  return Ptr<Plot>(dynamic_cast<Plot*>(mount.entity().get()));
-}
-
-bool isLive(const Mount& mount) {
-  return mount.state() == Mount::State::live;
-}
-
 ServerOptions serverOptions(const TempDir& dir) {
   ServerOptions options;
   options.socketPath = dir.path("hivel.sock");
@@ -66,24 +58,16 @@ ClientOptions clientOptions(const TempDir& dir, const std::string& name) {
   return options;
 }
 
-void Loop::remove(const void* party) {
-  std::erase_if(parties_, [&](const Party& each) { return each.key == party; });
-}
-
 bool Loop::until(const std::function<bool()>& predicate,
                  std::chrono::milliseconds timeout) {
   const auto end = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    bool busy = false;
-    for (const Party& party : parties_)
-      busy = party.process() || busy;
+    bool isBusy = false;
+    for (const auto& [party, process] : parties_)
+      isBusy = process() || isBusy;
     if (predicate()) return true;
     if (std::chrono::steady_clock::now() >= end) return false;
-    if (busy) continue;
-    std::vector<pollfd> waited;
-    for (const Party& party : parties_)
-      waited.push_back({party.fd, POLLIN, 0});
-    ::poll(waited.data(), waited.size(), 5);
+    if (!isBusy) std::this_thread::sleep_for(200us);
   }
 }
 
@@ -95,7 +79,9 @@ void HivelServer::serve(ServerOptions options) {
   loop.add(*server);
 }
 Client& HivelServer::client(const std::string& name) {
-  loop.add(*clients.emplace_back(std::make_unique<Client>(clientOptions(dir, name))));
+  ClientOptions options = clientOptions(dir, name);
+  options.highWater = highWater;
+  loop.add(*clients.emplace_back(std::make_unique<Client>(options)));
   return *clients.back();
 }
 void HivelServer::ends(Client& client) {
@@ -103,8 +89,8 @@ void HivelServer::ends(Client& client) {
   std::erase_if(clients, [&](const auto& each) { return each.get() == &client; });
 }
 std::string HivelServer::refusal(const Mount& mount) {
-  loop.until([&] { return mount.settled(); });
-  return mount.state() == Mount::State::refused ? mount.reason() : "not refused";
+  const auto isRefused = [&] { return mount.state() == Mount::State::refused; };
+  return loop.until(isRefused) ? mount.reason() : "not refused";
 }
 bool HivelServer::synced(Client& client) {
   const auto applied = std::make_shared<std::optional<bool>>();

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -37,23 +37,29 @@ EntityDump dump(const Ptr<T>& entity) {
 // One random write among few keys, so that keys are deleted and come back.
 void scribble(Plot& plot, std::minstd_rand& random);
 Ptr<Plot> somePlot(const char* name = "p");
-Ptr<Plot> plotOf(const Mount& mount);
-bool isLive(const Mount& mount);
+inline Ptr<Plot> plotOf(const Ptr<Kop::Entity>& entity) {
+  return Ptr<Plot>(dynamic_cast<Plot*>(entity.get()));
+}
+inline bool isLive(const Mount& mount) {
+  return mount.state() == Mount::State::live;
+}
 
 ServerOptions serverOptions(const TempDir& dir);
 ClientOptions clientOptions(const TempDir& dir, const std::string& name = "test");
 
-// Whatever has a descriptor and something to do.
+// Whatever has something to do.
 class Loop {
  public:
   template <class Party>
   void add(Party& party) {
-    parties_.push_back({&party, party.fd(), [&party] {
-                          party.process();
-                          return party.wants();
-                        }});
+    parties_.emplace_back(&party, [&party] {
+      party.process();
+      return party.wants();
+    });
   }
-  void remove(const void* party);
+  void remove(const void* party) {
+    std::erase_if(parties_, [&](const auto& each) { return each.first == party; });
+  }
   // Runs everybody until the predicate holds; false when patience is over.
   bool until(const std::function<bool()>& predicate,
              std::chrono::milliseconds timeout = patience);
@@ -62,12 +68,7 @@ class Loop {
   }
 
  private:
-  struct Party {
-    const void* key;
-    int fd;
-    std::function<bool()> process;
-  };
-  std::deque<Party> parties_;
+  std::vector<std::pair<const void*, std::function<bool()>>> parties_;
 };
 
 // A server in this process, with what it logged, and clients under its loop.
@@ -82,10 +83,6 @@ class HivelServer : public testing::Test {
     return loop.until([&] { return mount.settled(); }) && isLive(mount);
   }
   std::string refusal(const Mount& mount);
-  template <class A, class B>
-  bool same(const A& a, const B& b) {
-    return loop.until([&] { return dump(a) == dump(b); });
-  }
   bool follows(const Mount& mount, const Ptr<Plot>& plot) {
     return loop.until(
         [&] { return isLive(mount) && dump(mount.entity()) == dump(plot); });
@@ -96,6 +93,7 @@ class HivelServer : public testing::Test {
   std::vector<std::string> warnings;  // the server's end may add to them
   Database database;
   Loop loop;
+  std::size_t highWater = 256 << 10;  // of clients
   std::unique_ptr<Server> server;
   std::vector<std::unique_ptr<Client>> clients;
 };
