@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <thread>
 
 #include <fcntl.h>
@@ -21,6 +22,12 @@ using namespace std::chrono_literals;
 std::string contents(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::vector<unsigned char> bytesIn(const std::string& file) {
+  const std::string text = contents(HOUSE_SOURCE_DIR "/" + file);
+  if (text.empty()) throw std::runtime_error(file + " cannot be read");
+  return {text.begin(), text.end()};
 }
 
 bool eventually(const std::function<bool()>& holds) {

@@ -15,6 +15,8 @@
 namespace Support {
 
 std::string contents(const std::string& file);
+// Those of a file of the tree. Throws when there are none.
+std::vector<unsigned char> bytesIn(const std::string& file);
 
 // Whether it holds before patience, 20 s, is over.
 bool eventually(const std::function<bool()>& holds);

@@ -45,8 +45,8 @@ std::unique_ptr<Process> WithDatabase::startCommand(
 std::unique_ptr<Process> WithDatabase::shell(const std::string& line) {
   ::setenv("HIVEL_SOCKET", socket_.c_str(), 1);
   ::setenv("EXAMPLES", HOUSE_SOURCE_DIR "/examples", 1);
-  return startCommand(
-      "/bin/sh", {"-c", "PATH=" HOUSE_BIN_DIR ":$PATH; cd " + directory_ + "; " + line});
+  return startCommand("/bin/sh", {"-c", "PATH='" HOUSE_BIN_DIR "':$PATH; cd " +
+                                            directory_ + "; " + line});
 }
 
 namespace {

@@ -1,5 +1,6 @@
 #include "tests/Support/Rows.h"
 
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -34,10 +35,21 @@ std::vector<std::vector<std::string>> rowsOf(const std::string& text) {
 }
 
 std::vector<std::vector<std::string>> rowsIn(const std::string& file) {
-  auto rows = rowsOf(contents(HOUSE_SOURCE_DIR "/tests/" + file));
-  std::erase_if(rows, [](const auto& row) { return row[0].starts_with('#'); });
-  if (rows.empty()) throw std::runtime_error("no rows in tests/" + file);
-  return rows;
+  std::istringstream lines(contents(HOUSE_SOURCE_DIR "/tests/" + file));
+  std::vector<std::pair<std::string, std::string>> words;
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("LET ")) {
+      const auto end = line.find(' ', 4);
+      words.emplace_back(line.substr(4, end - 4), line.substr(end + 1));
+    } else if (!line.starts_with('#')) {
+      for (const auto& [word, by] : words)
+        line = replaced(line, word, by);
+      text += line + "\n";
+    }
+  }
+  if (text.empty()) throw std::runtime_error("no rows in tests/" + file);
+  return rowsOf(text);
 }
 
 std::string replaced(std::string text, std::string_view word, std::string_view by) {
@@ -47,18 +59,10 @@ std::string replaced(std::string text, std::string_view word, std::string_view b
 }
 
 std::vector<std::string> wordsOf(const std::string& text) {
+  static const std::regex word("([^ ']|'[^']*')+");
   std::vector<std::string> words;
-  bool quoted = false, inside = false;
-  for (const char c : text) {
-    if (c == '\'') quoted = !quoted;
-    if (c == ' ' && !quoted) {
-      inside = false;
-      continue;
-    }
-    if (!inside) words.emplace_back();
-    inside = true;
-    if (c != '\'') words.back() += c;
-  }
+  for (std::sregex_iterator at(text.begin(), text.end(), word), end; at != end; ++at)
+    words.push_back(replaced(at->str(), "'", ""));
   return words;
 }
 

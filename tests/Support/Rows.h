@@ -12,7 +12,8 @@ namespace Support {
 // of a line.
 std::vector<std::vector<std::string>> rowsOf(const std::string& text);
 
-// Those of a file of tests/, without the lines that begin with #. Throws when there are none.
+// Those of a file of tests/, without the lines that begin with #. After "LET WORD text" WORD is
+// that text. Throws when there are none.
 std::vector<std::vector<std::string>> rowsIn(const std::string& file);
 
 // At blanks; what is between ' is one word.

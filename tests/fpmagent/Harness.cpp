@@ -18,9 +18,7 @@ const std::vector<std::string> recordings = {"abilene-r1-sr-flap", "pair-evpn-vx
                                              "ring4-isis-sr-flap+3000-static"};
 
 Bytes recording(const std::string& name) {
-  const std::string bytes =
-      Support::contents(HOUSE_SOURCE_DIR "/examples/fpm/" + name + ".fpm");
-  return {bytes.begin(), bytes.end()};
+  return Support::bytesIn("examples/fpm/" + name + ".fpm");
 }
 
 Bytes head(const Bytes& stream, std::size_t size) {
@@ -32,7 +30,7 @@ Bytes frameOf(const std::string& text) {
   std::string head;
   unsigned type = 0;
   words >> type >> head;
-  Bytes body, behind;
+  Bytes body;
   std::map<std::size_t, U8> patches;
   const auto append = [](Bytes& to, const std::string& hex) {
     for (std::size_t at = 0; at < hex.size(); at += 2)
@@ -44,11 +42,7 @@ Bytes frameOf(const std::string& text) {
   }
   for (std::string word; words >> word;) {
     const std::string after = word.substr(word.find('=') + 1);
-    if (word[0] == '.') {
-      append(body, word.substr(1));
-    } else if (word[0] == '+') {
-      append(behind, word.substr(1));
-    } else if (word[0] == '#') {
+    if (word[0] == '#') {
       body.resize(std::stoul(word.substr(1)));
     } else if (word[0] == '@') {
       patches[std::stoul(word.substr(1))] =
@@ -61,12 +55,11 @@ Bytes frameOf(const std::string& text) {
       body.resize((body.size() + 3) / 4 * 4);
     }
   }
-  Bytes frame = {1, 1, 0, static_cast<U8>(20 + body.size() + behind.size())};
+  Bytes frame = {1, 1, 0, static_cast<U8>(20 + body.size())};
   frame.insert(frame.end(), {static_cast<U8>(16 + body.size()), 0, 0, 0,
                              static_cast<U8>(type), 0, 1, 5});
   frame.resize(20);
   frame.insert(frame.end(), body.begin(), body.end());
-  frame.insert(frame.end(), behind.begin(), behind.end());
   for (const auto& [at, byte] : patches)
     frame[at] = byte;
   return frame;

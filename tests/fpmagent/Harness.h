@@ -20,8 +20,8 @@ Bytes recording(const std::string& name);  // of examples/fpm, without its endin
 Bytes head(const Bytes& stream, std::size_t size);
 
 // A frame with one message: its type, the beginning of its body in hexadecimal (-: none),
-// the rest of which is 0, and attributes as KIND=HEX. For what is malformed: .HEX more of the body, #N its
-// size, +HEX behind the message, @N=HEX a byte of the frame that is another one.
+// the rest of which is 0, and attributes as KIND=HEX. For what is malformed: #N the size of the
+// body, @N=HEX a byte of the frame that is another one.
 // "24 1c140000fec10001 1=0004d100" is a switched path of label 77 by LDP.
 Bytes frameOf(const std::string& text);
 

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "Harness.h"
+#include "tests/Support/Process.h"
 
 namespace FpmTest {
 namespace {
@@ -233,13 +234,7 @@ TEST_F(FpmState, makesPathsOfRoutes) {
   std::string said;
   for (const std::string& line : sink.lines())
     said += line + "\n";
-  EXPECT_EQ(said, R"(
-ldp-10.1.0.0/16 type 3 10.1.0.0/16 metric 0 | 10.0.0.2 if1 push[17]
-static-10.1.0.0/16-table10 type 5 10.1.0.0/16 metric 5 | 10.0.0.2 if1 noOperation[] | 10.0.0.2 if1 push[17] | 10.0.0.2 if1 push[18]
-isis-2001:db8::/32 type 7 2001:db8::/32 metric 0 ipv6 | 10.0.0.2 if1 push[18]
-isis-label-20 type 7  metric 0 | 10.0.0.2  swap[17] | 10.0.0.2 if99999 swap[16] | 10.0.0.2 Ethernet3 swap[16] | 10.0.0.2 Generic63.100000.0 swap[16]
-srte-label-21 type 14  metric 0 | 10.0.0.2 if1 swap[17] | 10.0.0.2 if1 swap[18] | 10.0.0.2 if1 pop[]
-)" + 1);
+  EXPECT_EQ(said, Support::contents(HOUSE_SOURCE_DIR "/tests/fpmagent/paths.txt"));
 }
 
 }  // namespace

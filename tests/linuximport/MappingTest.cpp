@@ -19,7 +19,7 @@ std::string joined(const std::vector<std::string>& words) {
 
 std::map<std::string, Link> recordedLinks() {
   std::map<std::string, Link> links;
-  const Bytes recording = recorded("links.nl");
+  const Bytes recording = Support::bytesIn("tests/linuximport/links.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     if (header->nlmsg_type != RTM_NEWLINK) return;
     Link link = readLink(payloadOf(header));
@@ -72,7 +72,7 @@ TEST(Mapping, namesWhatItCannotRead) {
 // Catches a read past the end (under the address sanitizer), and a cut message that is taken
 // for a whole one.
 TEST(Mapping, findsEveryCut) {
-  const Bytes recording = recorded("links.nl");
+  const Bytes recording = Support::bytesIn("tests/linuximport/links.nl");
   forEachMessage(recording, [&](const nlmsghdr* header) {
     const auto payload = payloadOf(header);
     const Link link = readLink(payload);

@@ -4,7 +4,6 @@
 #include <functional>
 #include <span>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -24,12 +23,6 @@ namespace LinuxImport {
 
 using Bytes = std::vector<U8>;
 
-inline Bytes recorded(const char* name) {
-  const std::string text =
-      Support::contents(std::string(HOUSE_SOURCE_DIR "/tests/linuximport/") + name);
-  if (text.empty()) throw std::runtime_error(std::string(name) + " cannot be read");
-  return {text.begin(), text.end()};
-}
 inline void forEachMessage(const Bytes& bytes,
                            const std::function<void(const nlmsghdr*)>& visit) {
   auto left = static_cast<int>(bytes.size());

@@ -40,10 +40,6 @@ class ImportLinux : public CtlProcesses {
         !said.empty())
       GTEST_SKIP() << "this kernel makes no VXLAN interface: " << said;
   }
-  void restartDaemon() {
-    killDaemon();
-    startDaemon();
-  }
   std::unique_ptr<Process> startWatch(const std::string& interval) {
     auto watch = start("tunnelctl import-linux --watch --interval " + interval);
     EXPECT_TRUE(watch->says("changes from here on"));
@@ -91,7 +87,8 @@ TEST_F(ImportLinux, makesTablesEqualOnce) {
   EXPECT_THAT(ctl("import-linux").out,
               testing::AllOf(HasSubstr("not imported: the server has no type"),
                              HasSubstr(" 0 imported: nothing changed")));
-  restartDaemon();
+  killDaemon();
+  startDaemon();
   play("linuximport/import.txt");
   const auto watch = startWatch(forever);
   const Result refused = ctl("import-linux");
@@ -150,7 +147,7 @@ TEST_F(ImportLinux, followsTheKernel) {
 
   daemon_->end(SIGKILL);
   change(20);
-  restartDaemon();
+  startDaemon();
   EXPECT_TRUE(agrees()) << watch->said();
   EXPECT_THAT(watch->out(), HasSubstr("connected again"));
   change(20);

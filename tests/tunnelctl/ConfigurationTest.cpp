@@ -10,12 +10,6 @@
 namespace Tunnelctl {
 namespace {
 
-// A configuration of which only the members are given, from its fourth line on.
-std::string document(const std::string& members) {
-  return "{\n\"path\": \"a/b\",\n\"type\": \"Tunnel::Decap::ConfigInput\",\n" + members +
-         "}";
-}
-
 std::string errorOf(const std::string& text) {
   try {
     parseConfiguration(text, "f.json");
@@ -35,17 +29,11 @@ TEST(ConfigurationErrors, nameFileLineMemberAndReason) {
   rows.push_back({std::string(200, '[') + std::string(200, ']'), "1: "});
   for (const auto& row : rows) {
     SCOPED_TRACE(row[0].substr(0, 300));
-    const bool isGroup = row[0].starts_with("G "), isDocument = row[0].starts_with("D ");
-    const std::string members = row[0].substr(isGroup || isDocument ? 2 : 0);
-    const std::string error =
-        errorOf(isGroup      ? document("\"decapGroup\": {\"red\": {\n" + members + "}}")
-                : isDocument ? document(members)
-                             : members);
+    const std::string error = errorOf(row[0]);
     EXPECT_TRUE(error.starts_with("f.json:" + row[1])) << error << "\nwanted " << row[1];
     EXPECT_EQ(error.find('\n'), error.npos);
   }
   EXPECT_EQ(errorOf("[]"), "");
-  EXPECT_EQ(errorOf(document("\"decapGroup\": {}")), "");
 }
 
 // Children are shown by name in an object, or in an array of key and value.
@@ -141,11 +129,10 @@ TEST(ConfigurationApply, followsAModelOfRandomFilesOfEveryType) {
 TEST(ConfigurationApply, readsEntriesInEverySpelling) {
   for (const auto& row : Support::rowsIn("tunnelctl/spellings.txt")) {
     std::set<std::string> states;
-    for (const std::string& members : row) {
+    for (const std::string& text : row) {
       const auto entity = Tunnel::Decap::configInputFactory("x");
       Changes changes;
-      apply(parseConfiguration(document(members), "f.json").paths[0].entity, *entity,
-            false, changes);
+      apply(parseConfiguration(text, "f.json").paths[0].entity, *entity, false, changes);
       EXPECT_GT(changes.total(), 0u);
       states.insert(writeJson(stateOf(*entity), false));
     }

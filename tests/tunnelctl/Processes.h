@@ -27,10 +27,8 @@ class CtlProcesses : public Support::WithDatabase {
   }
   std::unique_ptr<Process> startMonitor(const std::string& arguments) {
     auto monitor = start("tunnelctl monitor " + arguments);
-    EXPECT_TRUE(eventually([&] {
-      return monitor->out().find("changes from here on") != std::string::npos ||
-             monitor->out().find("\"mark\"") != std::string::npos;
-    })) << monitor->err();
+    EXPECT_TRUE(
+        monitor->says(arguments.starts_with("-j") ? "\"mark\"" : "changes from here on"));
     return monitor;
   }
 };

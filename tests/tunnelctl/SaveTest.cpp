@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <future>
+#include <thread>
+
 #include <gmock/gmock.h>
 
 #include "Hivel/Server.h"
@@ -99,14 +103,10 @@ TEST_F(SaveProcesses, aSignalWaitsForTheEndOfApply) {
   apply->send(SIGINT);
   std::this_thread::sleep_for(100ms);
   EXPECT_TRUE(eventually([&] { return server.process(), held() == count; })) << held();
-  std::atomic<bool> ended = false;
-  std::thread waiter([&] {
-    EXPECT_EQ(apply->join(), 128 + SIGINT);
-    ended = true;
-  });
-  while (!ended)
+  auto ended = std::async(std::launch::async, [&] { return apply->join(); });
+  while (ended.wait_for(0s) != std::future_status::ready)
     server.process();
-  waiter.join();
+  EXPECT_EQ(ended.get(), 128 + SIGINT);
 }
 
 }  // namespace

@@ -43,7 +43,6 @@ TEST_F(CommandProcesses, othersReadWhatIsPublished) {
   auto first = generate("--stack explicit --metric hops --changes 30 --down 6");
   EXPECT_EQ(first->join(), 0);
   EXPECT_TRUE(first->says("published  110 tunnels in "));
-  EXPECT_TRUE(first->says("latency"));
   Mesh::Options options;
   options.stack = Stack::adjacencies;
   EXPECT_EQ(seen(), computed(options, Metric::hops));
