@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
 #include <new>
@@ -71,9 +72,10 @@ template <class K, class V>
 struct MapOf : HashMap2018<MapNode<K, V>, K> {
   using Value = V;
 };
-// One of each way that nodes are kept: as bytes, as bytes that own something, moved one by
+// Of each way that nodes are kept: as bytes, as bytes that own something, moved one by
 // one, and in a pool.
 using Kinds = ::testing::Types<MapOf<U64, U64>,
+                               MapOf<U64, std::array<U64, 4>>,
                                MapOf<String, String>,
                                MapOf<RuledKey, Guest<4, true>>,
                                MapOf<RuledKey, Guest<100, true>>>;
