@@ -264,6 +264,7 @@ function(house_test_flags name)
   elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
     target_compile_options(${name} PRIVATE -O1)
   endif()
+  target_compile_definitions(${name} PRIVATE HOUSE_SANITIZED=$<BOOL:${HOUSE_SANITIZED}>)
   target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest)
 endfunction()
 

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "Routing/Multicast/MulticastTreeId.h"
+#include "tests/Support/Testing.h"
 
 using Routing::Multicast::MulticastTreeId;
 

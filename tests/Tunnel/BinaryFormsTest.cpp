@@ -1,19 +1,13 @@
 #include <cmath>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <unistd.h>
-
-#include <gmock/gmock.h>
 
 #include "Drem/Error.h"
 #include "Quarn/Table.h"
 #include "Tunnel/MulticastTunnelTableEntry.h"
 #include "Tunnel/TunnelTableEntry.h"
 #include "Tunnel/Vias.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 // The binary forms of what stands in tables in shared memory, where any bytes may be found. A

@@ -1,10 +1,9 @@
-#include <gtest/gtest.h>
-
 #include "Kop/Entity.h"
 #include "Kop/GenericIfImpl.h"
 #include "Kop/Module.h"
 #include "tests/Kop/EntityDump.h"
 #include "tests/Kop/LogLink.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 // Every entity type of the library against plain maps, by reflection: what it holds, what it
@@ -144,7 +143,8 @@ TEST(EntityLaws, followPlainMapsAndAreFollowed) {
       }
       Sample::Link link(entity, copy, 512);
       link.writer.resync();
-      for (int step = 0; step < 500 && !testing::Test::HasFailure(); ++step) {
+      for (int step = 0; step < Support::rounds(500) && !testing::Test::HasFailure();
+           ++step) {
         change(random, *entity);
         if (random() % 20 != 0) continue;
         link.drain();

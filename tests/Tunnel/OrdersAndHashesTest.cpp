@@ -1,8 +1,4 @@
 #include <cmath>
-#include <limits>
-#include <tuple>
-
-#include <gtest/gtest.h>
 
 #include "Kop/Hash.h"
 #include "Tunnel/DecapGroupHivelTypes.h"
@@ -11,6 +7,7 @@
 #include "Tunnel/TunnelIntfId.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 // The orders, equalities and hashes that are written by hand, beside the plain rule of each.

@@ -1,10 +1,7 @@
-#include <array>
-
-#include <gtest/gtest.h>
-
 #include "Kop/Module.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
+#include "tests/Support/Testing.h"
 
 // What reflection does with the members of a type. Which there are is in
 // tests/consumer/registry.txt, what holds for all values in ValueLawsTest.cpp.

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "Kop/Module.h"
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "Tunnel/IpTunnels.h"
@@ -10,6 +8,7 @@
 #include "Tunnel/TunnelRibId.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "Tunnel/Vias.h"
+#include "tests/Support/Testing.h"
 
 // What is said to people, and small rules of the types. What holds for all of them is in
 // ValueLawsTest.cpp.

@@ -1,19 +1,11 @@
-#include <array>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <tuple>
-
-#include <gtest/gtest.h>
 
 #include "Kop/Exception.h"
 #include "Toggle/Toggle.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelIntfId.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace Tunnel::TunnelTable {
 namespace {

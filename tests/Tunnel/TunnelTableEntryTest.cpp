@@ -1,10 +1,6 @@
-#include <functional>
-#include <string>
-
-#include <gmock/gmock.h>
-
 #include "Tunnel/TunnelTableEntry.h"
 #include "tests/Kop/FailingAllocation.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {

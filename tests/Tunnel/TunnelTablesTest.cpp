@@ -1,14 +1,8 @@
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Trace/Trace.h"
 #include "Tunnel/TunnelRibId.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "tests/Kop/EntityDump.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 namespace Tunnel::TunnelTable {

@@ -1,11 +1,8 @@
-#include <sstream>
-
-#include <gtest/gtest.h>
-
 #include "Kop/Module.h"
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
+#include "tests/Support/Testing.h"
 
 // What only typed callers use: the laws over all types go by reflection.
 

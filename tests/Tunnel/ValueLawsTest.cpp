@@ -1,10 +1,4 @@
-#include <algorithm>
 #include <locale>
-#include <set>
-#include <sstream>
-#include <tuple>
-
-#include <gmock/gmock.h>
 
 #include "Kop/Entity.h"
 #include "Kop/NboAttrLogSa.h"
@@ -14,6 +8,7 @@
 #include "Tunnel/StaticTunnelConfig.h"
 #include "Tunnel/TunnelIntfId.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
+#include "tests/Support/Testing.h"
 #include "tests/Tunnel/Samples.h"
 
 // What every type owes the runtime: the registered values, the types of their attributes, and

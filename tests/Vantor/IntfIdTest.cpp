@@ -1,10 +1,6 @@
-#include <sstream>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "Vantor/IntfId.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 using Vantor::IntfId;
 

@@ -1,9 +1,3 @@
-#include <span>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Kop/Module.h"
 #include "Vantor/DynamicMplsLabelStack.h"
 #include "Vantor/EthAddr.h"
@@ -12,6 +6,7 @@
 #include "Vantor/IpDscp.h"
 #include "Vantor/IpGenPrefix.h"
 #include "Vantor/MplsLabelOperation.h"
+#include "tests/Support/Testing.h"
 
 using namespace Vantor;
 

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "Vxlan/VniExt.h"
+#include "tests/Support/Testing.h"
 
 using Vxlan::VniExt;
 

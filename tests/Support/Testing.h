@@ -1,0 +1,40 @@
+#pragma once
+
+// What nearly every test uses.
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <span>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Support {
+
+// How often a test does something at random: less often under a sanitizer, where it takes ten
+// times as long.
+constexpr int rounds(int count) {
+  return HOUSE_SANITIZED ? count / 4 : count;
+}
+
+}  // namespace Support
