@@ -92,6 +92,10 @@ std::string HivelServer::refusal(const Mount& mount) {
   const auto isRefused = [&] { return mount.state() == Mount::State::refused; };
   return loop.until(isRefused) ? mount.reason() : "not refused";
 }
+std::string HivelServer::errorOf(Raw& raw) {
+  loop.until([&] { return raw.receive(); });
+  return raw.error();
+}
 bool HivelServer::synced(Client& client) {
   const auto applied = std::make_shared<std::optional<bool>>();
   client.sync([applied](bool yes) { *applied = yes; });
@@ -99,7 +103,7 @@ bool HivelServer::synced(Client& client) {
   return applied->value();
 }
 
-Raw::Raw(const TempDir& dir, const Bytes& bytes)
+Raw::Raw(const TempDir& dir, const std::string& bytes)
     : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   const sockaddr_un address = Support::addressOf(dir.path("hivel.sock"));
   if (::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||

@@ -19,7 +19,7 @@
 
 namespace HivelTest {
 
-using namespace std::chrono_literals;
+using namespace std::literals;
 using namespace Hivel;
 using Bytes = std::vector<U8>;
 using Garden::Plot;
@@ -71,6 +71,22 @@ class Loop {
   std::vector<std::pair<const void*, std::function<bool()>>> parties_;
 };
 
+// A connection that sends whatever a test likes.
+class Raw {
+ public:
+  explicit Raw(const TempDir& dir, const std::string& bytes = {});
+  ~Raw();
+  Raw(const Raw&) = delete;
+  Raw& operator=(const Raw&) = delete;
+  // What has come until now; whether the other side has closed.
+  bool receive();
+  std::string error();  // the reason of an error frame among what came, or empty
+
+ private:
+  int fd_;
+  FrameReader frames_{1 << 24};
+};
+
 // A server in this process, with what it logged, and clients under its loop.
 class HivelServer : public testing::Test {
  protected:
@@ -87,7 +103,8 @@ class HivelServer : public testing::Test {
     return loop.until(
         [&] { return isLive(mount) && dump(mount.entity()) == dump(plot); });
   }
-  bool synced(Client& client);  // whether the server has applied all that was written
+  std::string errorOf(Raw& raw);  // with which the server closes
+  bool synced(Client& client);    // whether the server has applied all that was written
 
   TempDir dir;
   std::vector<std::string> warnings;  // the server's end may add to them
@@ -104,23 +121,5 @@ Bytes frameOf(const Message& message) {
   encode(out, message);
   return Bytes(out.data(), out.data() + out.size());
 }
-
-// A connection that sends whatever a test likes.
-class Raw {
- public:
-  explicit Raw(const TempDir& dir, const Bytes& bytes = {});
-  ~Raw();
-  Raw(const Raw&) = delete;
-  Raw& operator=(const Raw&) = delete;
-  // What has come until now; whether the other side has closed.
-  bool receive();
-  auto next() { return frames_.next(); }  // a frame without its length
-  // The reason of an error frame among what came, or empty.
-  std::string error();
-
- private:
-  int fd_;
-  FrameReader frames_{1 << 24};
-};
 
 }  // namespace HivelTest
