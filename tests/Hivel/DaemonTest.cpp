@@ -128,31 +128,20 @@ TEST_F(DaemonProcesses, copiesAreEqualAfterTheServerIsKilled) {
   ASSERT_TRUE(loop.until([&] { return isLive(in); }));
   const Ptr<Plot> replica = plotOf(in.entity());
   std::minstd_rand random(7);
-  for (int round = 0; round < 4; ++round) {
-    SCOPED_TRACE(round);
-    const Kop::String doomed("doomed" + std::to_string(round));
-    plot->bedIs(doomed);
-    for (int step = 0; step < 1500; ++step) {
-      scribble(*plot, random);
-      if (step % 20 == 0) loop.run(0ms);
-      if (step == 600) {
-        ASSERT_TRUE(loop.until([&] { return replica->bedHas(doomed); }));
-      }
-      if (step == 700) {
-        daemon.reset();
-        ASSERT_TRUE(loop.until([&] { return reader.state() == Client::State::lost; }));
-        EXPECT_TRUE(replica->bedHas(doomed));
-        plot->bedDel(doomed);
-      }
-      if (step == 1100) startServing();
+  for (int step = 0; step < 6000; ++step) {
+    SCOPED_TRACE(step);
+    scribble(*plot, random);
+    if (step % 20 == 0) loop.run(0ms);
+    if (step % 1500 == 700) {
+      daemon.reset();
+      ASSERT_TRUE(loop.until([&] { return reader.state() == Client::State::lost; }));
+      EXPECT_GT(dump(replica).size(), 1u);
     }
-    bool applied = false;
-    writer.sync([&](bool yes) { applied = yes; });
-    ASSERT_TRUE(loop.until([&] { return applied; })) << daemon->err();
-    EXPECT_TRUE(
-        loop.until([&] { return isLive(in) && dump(in.entity()) == dump(plot); }));
+    if (step % 1500 == 1100) startServing();
+    if (step % 1500 != 600 && step % 1500 != 1499) continue;
+    EXPECT_TRUE(loop.until([&] { return isLive(in) && dump(in.entity()) == dump(plot); }))
+        << daemon->err();
     EXPECT_EQ(in.entity(), replica);
-    EXPECT_EQ(reader.state(), Client::State::connected);
   }
 }
 

@@ -18,9 +18,7 @@ TEST(PathGrammar, saysWhatIsWrong) {
       {"a/", "path 'a/' ends with '/'"},
       {"a//b", "path 'a//b' has an empty part"},
       {"a b", "path 'a b' has a byte other than"},
-      {"a\n", "path 'a\\n' has a byte other than"},
       {std::string("a\0b", 3), "path 'a\\x00b' has a byte other than"},
-      {"a/\xc3\xa4", "has a byte other than"},
       {std::string(1025, 'a'), "longer than 1024 bytes"},
   };
   // clang-format on
