@@ -14,7 +14,6 @@ namespace FpmTest {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 using testing::UnorderedElementsAreArray;
 
 class FpmProcesses : public Support::WithDatabase {

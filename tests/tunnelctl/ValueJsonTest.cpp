@@ -81,7 +81,6 @@ TEST(NaturalOrder, isAnOrderThatCountsDigits) {
 // Catches names that move the cursor, or that pass for an empty cell or for another name.
 TEST(Printable, hidesNothing) {
   const std::pair<std::string, std::string> rows[] = {
-      {"edge",         "edge"        },
       {"",             "''"          },
       {"a\x1b[2J",     "'a\\x1b[2J'" },
       {"a\nb",         "'a\\nb'"     },
