@@ -42,12 +42,9 @@ Path randomPath(std::minstd_rand& random) {
   return path;
 }
 
-Reader::Reader(const Hivel::ClientOptions& options, const std::string& agent)
-    : agent_(agent),
-      client_(options),
-      directory(client_, options.socketPath),
-      rib(directory) {
-  directory.follow(agent);
+Reader::Reader(const Hivel::ClientOptions& options)
+    : client(options), directory(client, options.socketPath), rib(directory) {
+  directory.follow("one");
 }
 
 std::string Reader::differenceTo(const Model& model) {
@@ -58,21 +55,18 @@ std::string Reader::differenceTo(const Model& model) {
 
 std::string Reader::difference(const Model& model) {
   Support::Published found;
-  const std::string fault = read(directory, agent_, found);
+  const std::string fault = read(directory, "one", found);
   if (!fault.empty()) return fault;
-  if (found.paths.size() != model.size())
-    return std::to_string(found.paths.size()) + " rows, not " +
-           std::to_string(model.size());
-  for (const auto& [key, path] : model)
-    if (const auto at = found.paths.find(key);
-        at == found.paths.end() || !(at->second == path))
-      return Support::lineOf(path) + " is not as told";
+  const auto [told, seen] =
+      std::mismatch(model.begin(), model.end(), found.paths.begin(), found.paths.end());
+  if (told != model.end()) return Support::lineOf(told->second) + " is not as told";
+  if (seen != found.paths.end()) return Support::lineOf(seen->second) + " was not told";
   return ribDifference(found.rows);
 }
 
 // The RIB as it is by sorting, and whether every change of it was told.
 std::string Reader::ribDifference(const std::vector<TunnelTableEntry>& rows) {
-  Rib expected;
+  decltype(before) expected;
   for (const TunnelTableEntry& row : rows)
     if (!row.endpoint().empty() && contributeToTunnelRib(row.tunnelId().tunnelType()))
       expected[row.tep()].push_back(row);
@@ -80,22 +74,21 @@ std::string Reader::ribDifference(const std::vector<TunnelTableEntry>& rows) {
     std::sort(entries.begin(), entries.end());
 
   for (const IpGenPrefix& endpoint : rib.update())
-    touched_.insert(endpoint);
+    touched.insert(endpoint);
   if (!rib.faults().empty()) return "a table of the RIB: " + rib.faults()[0].second;
   if (rib.endpointCount() != expected.size()) return "endpoints of the RIB";
+  for (const auto& [endpoint, entries] : before)
+    expected[endpoint];
   for (const auto& [endpoint, entries] : expected) {
     const auto found = rib.rows(endpoint);
     if (!std::equal(found.begin(), found.end(), entries.begin(), entries.end(),
                     [](const auto& a, const auto& b) { return a.entry == b; }))
       return "rows of the RIB to " + std::string(endpoint.stringValue());
-    if (before_[endpoint] != entries && !touched_.contains(endpoint))
+    if (before[endpoint] != entries && !touched.contains(endpoint))
       return "a change that was not told of " + std::string(endpoint.stringValue());
   }
-  for (const auto& [endpoint, entries] : before_)
-    if (!entries.empty() && !expected.contains(endpoint) && !touched_.contains(endpoint))
-      return "an end that was not told of " + std::string(endpoint.stringValue());
-  before_ = std::move(expected);
-  touched_.clear();
+  before = std::move(expected);
+  touched.clear();
   return {};
 }
 

@@ -37,32 +37,23 @@ constexpr TunnelType typesOfPaths[] = {srTunnel, ldpTunnel, srTePolicyTunnel,
 Path randomPath(std::minstd_rand& random);
 
 // A connection that reads everything.
-class Reader {
- public:
-  explicit Reader(const Hivel::ClientOptions& options, const std::string& agent = "one");
+struct Reader {
+  explicit Reader(const Hivel::ClientOptions& options);
 
   // Waits until rows, hops, names, directory and RIB are those of the model. Empty, or what
   // is still different when patience is over.
   std::string differenceTo(const Model& model);
   bool wait(const std::function<bool()>& predicate) {
-    return client_.wait(predicate, patience);
+    return client.wait(predicate, patience);
   }
-
- private:
-  std::string agent_;
-  Hivel::Client client_;
-
- public:
-  Agent::TableDirectory directory;
-  Agent::RibView rib;
-
- private:
   std::string difference(const Model& model);
   std::string ribDifference(const std::vector<TunnelTableEntry>& rows);
 
-  using Rib = std::map<IpGenPrefix, std::vector<TunnelTableEntry>>;
-  Rib before_;                       // as it was found equal the last time
-  std::set<IpGenPrefix> touched_{};  // told of since
+  Hivel::Client client;
+  Agent::TableDirectory directory;
+  Agent::RibView rib;
+  std::map<IpGenPrefix, std::vector<TunnelTableEntry>> before{};  // as it was found equal
+  std::set<IpGenPrefix> touched{};                                // told of since
 };
 
 }  // namespace AgentTest

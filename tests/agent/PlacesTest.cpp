@@ -42,8 +42,7 @@ TEST(Places, everyNumberIsATypeWithATableOrRefused) {
     }
     ++count;
     EXPECT_EQ(typeOfTable(tableTypeOf(type)), type);
-    const U64 index = hasIpv6(type) ? 1 | TunnelIdConstants::tunnelAfMask : 1;
-    const TunnelId id(TunnelId::convertToTunnelValue(type, index));
+    const TunnelId id(TunnelId::convertToTunnelValue(type, 1));
     EXPECT_EQ(id.tunnelTransportType(), mplsTunnel);
     EXPECT_EQ(id.tableType(), tableIdOf(type));
   }
