@@ -51,24 +51,16 @@ TEST(TunnelRibNames, numbersLinesAndObservers) {
   EXPECT_EQ(lines.taken(),
             (Log{of + "getFreeId()",
                  of + "tunnelRibNameIs(Kop::String) - tunnel-rib: red, currId: 4"}));
-  EXPECT_EQ(told, (Log{"currentId", "nameToId/'red'"}));
-  EXPECT_EQ(map->tunnelRibNameIs("blue").value(), 5u);
-  lines.taken();
-  told.clear();
+  EXPECT_EQ(std::exchange(told, {}), (Log{"currentId", "nameToId/'red'"}));
   EXPECT_EQ(map->tunnelRibNameIs("red").value(), 4u);
   EXPECT_EQ(lines.taken(), Log{});
   EXPECT_EQ(map->tunnelRibNameDel("red").value(), 4u);
   EXPECT_EQ(lines.taken(), Log{of + "tunnelRibNameDel(Kop::String) - tunnel-rib: red"});
   EXPECT_EQ(told, Log{"nameToId/'red'"});
-  EXPECT_EQ(map->tunnelRibNameIs("red").value(), 6u);
   map->nameToIdIs("none", TunnelRibId(TunnelRibId::null));
-  EXPECT_EQ(map->tunnelRibNameIs("none").value(), 7u);
-  EXPECT_EQ(map->tunnelRibNameIs("").value(), 8u);
   Trace::defaultHandle().levelIs(7);
-  lines.taken();
-  EXPECT_EQ(map->tunnelRibNameIs("green").value(), 9u);
+  EXPECT_EQ(map->tunnelRibNameIs("none").value(), 5u);
   EXPECT_EQ(lines.taken(), Log{});
-
   map->currentIdIs(TunnelRibId(4294967294));
   EXPECT_EQ(map->getFreeId().value(), 4294967294u);
   map->currentIdInc(2);  // past the end
@@ -94,7 +86,7 @@ TEST(TunnelRibNames, followAPlainModel) {
   const auto system = model;
   map->currentIdIs(TunnelRibId(next));
   for (int i = 0; i < 5000; ++i) {
-    const std::string name = "rib" + std::to_string(random() % 40);
+    const std::string name = i % 99 ? "rib" + std::to_string(random() % 40) : "";
     if (random() % 500 == 0) {
       map->removeNonSystemTunnelRibs();
       model = system;
