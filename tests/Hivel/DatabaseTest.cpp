@@ -31,9 +31,13 @@ TEST(PathGrammar, saysWhatIsWrong) {
 }
 
 // Catches a prefix that covers a neighbour with the same beginning, a list that stops at one
-// that stands between, and a second entity that takes a mounted path.
-TEST(DatabaseMount, holdsOneEntityPerPathAndLists) {
+// that stands between, a second entity that takes a mounted path, and a lost or doubled event.
+TEST(DatabaseMount, holdsOneEntityPerPathListsAndTells) {
   Database db;
+  std::string told;
+  db.watch("a/b", [&](const Database::Event& event) {
+    told += (event.mounted ? "+" : "-") + event.path;
+  });
   const auto plot = Plot::PlotIs("p");
   for (const char* path : {"a/b", "a", "a-x", "a/bc", "ab", "a/b/c", "b"})
     db.mount(path, plot);
@@ -52,6 +56,7 @@ TEST(DatabaseMount, holdsOneEntityPerPathAndLists) {
   EXPECT_EQ(db.find("a/b"), plot);
   EXPECT_TRUE(db.unmount("a/b"));
   EXPECT_FALSE(db.unmount("a/b"));
+  EXPECT_EQ(told, "+a/b+a/b/c-a/b");
 }
 
 // Catches a watcher that is called after it was removed, or while the list moves under it.
