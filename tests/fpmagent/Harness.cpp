@@ -1,16 +1,12 @@
 #include "Harness.h"
 
-#include <algorithm>
-#include <sstream>
-
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include "Kop/Exception.h"
 #include "tests/Support/Processes.h"
+#include "tests/Support/Testing.h"
 
 namespace FpmTest {
 

@@ -1,11 +1,6 @@
-#include <chrono>
-#include <optional>
-#include <thread>
-
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "tests/Support/Processes.h"
+#include "tests/Support/Testing.h"
 
 // The agent and the state database, each in a process of its own; what they hold is read by a
 // third, through the database and through shared memory.

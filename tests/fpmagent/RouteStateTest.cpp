@@ -1,10 +1,6 @@
-#include <optional>
-#include <random>
-
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "tests/Support/Process.h"
+#include "tests/Support/Testing.h"
 
 namespace FpmTest {
 namespace {

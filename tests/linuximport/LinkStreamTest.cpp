@@ -1,12 +1,9 @@
 #include <cerrno>
 #include <deque>
-#include <random>
-#include <set>
-
-#include <gtest/gtest.h>
 
 #include "apps/linuximport/LinkStream.h"
 #include "apps/linuximport/Tables.h"
+#include "tests/Support/Testing.h"
 #include "tests/linuximport/Messages.h"
 
 namespace LinuxImport {

@@ -1,9 +1,6 @@
-#include <map>
-
-#include <gtest/gtest.h>
-
 #include "apps/linuximport/Mapping.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/linuximport/Messages.h"
 
 namespace LinuxImport {

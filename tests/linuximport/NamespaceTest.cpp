@@ -1,13 +1,9 @@
 #include <cerrno>
-#include <fstream>
-#include <random>
 #include <regex>
-#include <set>
 
 #include <sched.h>
 
-#include <gmock/gmock.h>
-
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/Processes.h"
 
 // The command against a kernel, in a network namespace of the test's own, and a daemon.

@@ -1,11 +1,7 @@
-#include <algorithm>
-#include <sstream>
-
-#include <gmock/gmock.h>
-
 #include "apps/tunnelctl/CommandLine.h"
 #include "apps/tunnelctl/Json.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace Tunnelctl {
 namespace {

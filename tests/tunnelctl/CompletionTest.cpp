@@ -1,9 +1,7 @@
-#include <chrono>
 #include <regex>
 
-#include <gmock/gmock.h>
-
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/Processes.h"
 
 namespace Tunnelctl {

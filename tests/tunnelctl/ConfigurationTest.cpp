@@ -1,10 +1,7 @@
-#include <set>
-
-#include <gtest/gtest.h>
-
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "apps/tunnelctl/Configuration.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {

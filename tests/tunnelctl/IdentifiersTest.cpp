@@ -1,8 +1,5 @@
-#include <random>
-
-#include <gtest/gtest.h>
-
 #include "apps/tunnelctl/Identifiers.h"
+#include "tests/Support/Testing.h"
 
 namespace Tunnelctl {
 namespace {

@@ -1,10 +1,6 @@
-#include <map>
-#include <optional>
-
-#include <gtest/gtest.h>
-
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "apps/tunnelctl/Monitor.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {

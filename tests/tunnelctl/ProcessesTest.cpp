@@ -1,9 +1,5 @@
-#include <chrono>
-#include <sstream>
-
-#include <gmock/gmock.h>
-
 #include "apps/tunnelctl/Json.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/Processes.h"
 
 namespace Tunnelctl {

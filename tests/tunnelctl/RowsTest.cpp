@@ -1,10 +1,6 @@
-#include <algorithm>
-#include <limits>
-
-#include <gtest/gtest.h>
-
 #include "apps/tunnelctl/Rows.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {

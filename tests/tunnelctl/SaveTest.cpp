@@ -1,12 +1,9 @@
-#include <algorithm>
 #include <future>
-#include <thread>
-
-#include <gmock/gmock.h>
 
 #include "Hivel/Server.h"
 #include "apps/tunnelctl/Json.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/Processes.h"
 #include "tests/tunnelctl/RandomValues.h"
 

@@ -1,13 +1,8 @@
-#include <cstring>
-#include <limits>
-#include <sstream>
-
-#include <gmock/gmock.h>
-
 #include "Quarn/Table.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "apps/agent/Publisher.h"
 #include "apps/tunnelctl/Json.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/Processes.h"
 
 namespace Tunnelctl {

@@ -1,10 +1,8 @@
-#include <chrono>
-#include <thread>
-
 #include "apps/tunnelgen/GraphMl.h"
 #include "apps/tunnelgen/Mesh.h"
 #include "tests/Support/Processes.h"
 #include "tests/Support/PublishedPaths.h"
+#include "tests/Support/Testing.h"
 
 // The command against the daemon, in processes of their own.
 

@@ -1,10 +1,6 @@
-#include <sstream>
-#include <string>
-
-#include <gmock/gmock.h>
-
 #include "apps/tunnelgen/GraphMl.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace Tunnelgen {
 namespace {

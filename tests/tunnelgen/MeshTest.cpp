@@ -1,14 +1,9 @@
-#include <algorithm>
 #include <cmath>
-#include <random>
-#include <set>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "apps/tunnelgen/Failures.h"
 #include "apps/tunnelgen/Mesh.h"
 #include "tests/Support/PublishedPaths.h"
+#include "tests/Support/Testing.h"
 
 namespace Tunnelgen {
 namespace {
