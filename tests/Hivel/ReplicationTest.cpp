@@ -139,11 +139,6 @@ TEST(HivelThreads, waitingCallsGiveReasons) {
   refuses([&] { client.statusAndWait(patience); }, lost);
   refuses([&] { client.mountAndWait("a", Mode::read, {}, patience); },
           "path 'a': " + lost);
-  EXPECT_FALSE(client.syncAndWait(50ms));
-  EXPECT_THROW(client.mount("/a", Mode::read), Kop::RangeException);
-  EXPECT_THROW(client.mount("a", Mode::replace), Kop::RangeException);
-  EXPECT_THROW(client.mount("a", Mode::read, {nullptr, "No::Type", true}),
-               Kop::RangeException);
 }
 
 }  // namespace

@@ -37,14 +37,4 @@ TEST(IndexPool, agreesWithASet) {
   }
 }
 
-// The last number of all.
-TEST(IndexPool, endsAtItsLimit) {
-  IndexPool pool;
-  EXPECT_FALSE(pool.take(0) || pool.take(IndexPool::limit));
-  EXPECT_TRUE(pool.take(IndexPool::limit - 1));
-  EXPECT_EQ(pool.nextFree(IndexPool::limit - 1), 0u);
-  EXPECT_EQ(pool.nextFree(IndexPool::limit), 0u);
-  EXPECT_EQ(pool.nextFree(), 1u);
-}
-
 }  // namespace
