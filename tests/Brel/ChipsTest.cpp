@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "Brel/ChipSet.h"
+#include "tests/Support/Testing.h"
 
 using Brel::ChipId;
 using Brel::ChipSet;

@@ -1,9 +1,8 @@
 #include <climits>
 #include <cstdint>
 
-#include <gtest/gtest.h>
-
 #include "Drem/Error.h"
+#include "tests/Support/Testing.h"
 
 // Catches holes filled in another order, a text looked through twice, and numbers that lose
 // their sign or width.

@@ -1,10 +1,6 @@
-#include <algorithm>
-#include <map>
-
-#include <gtest/gtest.h>
-
 #include "LogLink.h"
 #include "TreeModel.h"
+#include "tests/Support/Testing.h"
 
 namespace Sample {
 namespace {

@@ -1,12 +1,8 @@
-#include <functional>
-#include <set>
-
-#include <gtest/gtest.h>
-
 #include "Drem/Error.h"
 #include "Kop/EntityImpl.h"
 #include "LogLink.h"
 #include "TreeModel.h"
+#include "tests/Support/Testing.h"
 
 namespace Sample {
 namespace {

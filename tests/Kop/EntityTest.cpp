@@ -1,15 +1,7 @@
-#include <algorithm>
-#include <functional>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Kop/EntityImpl.h"
 #include "TestTypes.h"
 #include "TreeModel.h"
+#include "tests/Support/Testing.h"
 
 namespace Sample {
 namespace {

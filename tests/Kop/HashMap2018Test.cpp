@@ -1,17 +1,9 @@
-#include <algorithm>
-#include <array>
-#include <map>
-#include <memory>
 #include <new>
-#include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "FailingAllocation.h"
 #include "Kop/HashMap2018.h"
 #include "Kop/HashMap2018NodeInternalKey.h"
+#include "tests/Support/Testing.h"
 
 namespace Kop {
 namespace {

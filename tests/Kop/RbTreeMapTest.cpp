@@ -1,11 +1,5 @@
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "Kop/RbTreeMap.h"
+#include "tests/Support/Testing.h"
 
 namespace Kop {
 namespace {

@@ -1,10 +1,3 @@
-#include <limits>
-#include <map>
-#include <sstream>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Kop/GenericIfImpl.h"
 #include "Kop/Hash.h"
 #include "Kop/PodArray.h"
@@ -12,6 +5,7 @@
 #include "Kop/U3.h"
 #include "TestTypes.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace Kop {
 namespace {

@@ -1,13 +1,8 @@
-#include <memory>
 #include <numeric>
-#include <random>
-#include <tuple>
-#include <vector>
-
-#include <gmock/gmock.h>
 
 #include "Kop/PodArray.h"
 #include "Kop/U3.h"
+#include "tests/Support/Testing.h"
 
 // Catches a fourth bit in a U3, whichever way it comes in. That it comes back is tested with
 // the values that hold one.

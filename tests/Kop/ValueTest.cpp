@@ -1,11 +1,7 @@
-#include <algorithm>
-#include <span>
-
-#include <gtest/gtest.h>
-
 #include "Kop/GenericIfImpl.h"
 #include "TestTypes.h"
 #include "TreeModel.h"
+#include "tests/Support/Testing.h"
 
 namespace Sample {
 namespace {

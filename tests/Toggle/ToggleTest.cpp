@@ -1,12 +1,7 @@
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
-#include <gmock/gmock.h>
-
 #include "Toggle/Toggle.h"
 #include "tests/Support/Process.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 struct ToggleFile : testing::Test {
   ToggleFile() { setenv("TOGGLE_DIR", directory.path().c_str(), 1); }

@@ -1,11 +1,5 @@
-#include <atomic>
-#include <set>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Trace/Trace.h"
+#include "tests/Support/Testing.h"
 
 // Catches a text that is built although nobody wants it, and levels that are off by one.
 TEST(TraceTest, textIsOnlyBuiltWhenItsLevelIsOn) {
