@@ -113,7 +113,7 @@ TEST(Table, randomOperationsAgreeWithMap) {
     } else if (what < 995) {
       reader = std::make_unique<TestReader>(name);
     }
-    if (step % 2000 == 0) {
+    if (step % 5000 == 0) {
       ASSERT_EQ(writer->rowCount(), model.size());
       ASSERT_EQ(reader->rowCount(), model.size());
       ASSERT_EQ(reader->changeCount(), changes);
