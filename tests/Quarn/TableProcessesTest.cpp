@@ -232,7 +232,8 @@ struct Watched {
   bool hasChanged(U64 used) {
     std::vector<U8> now(object, object + Quarn::TableLayout::ringOffset + 16 * 2048);
     now.insert(now.end(), object + Quarn::TableLayout::areasOffset, object + used);
-    return std::exchange(last, now) != now;
+    last.swap(now);
+    return now != last;
   }
   const U8* object;
   std::vector<U8> last{};
