@@ -1,11 +1,8 @@
-#include <filesystem>
-
 #include <unistd.h>
-
-#include <gmock/gmock.h>
 
 #include "Harness.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace HivelTest {
 namespace {
@@ -14,12 +11,12 @@ using Support::Process;
 
 class DaemonProcesses : public testing::Test {
  protected:
-  std::unique_ptr<Process> start(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), HOUSE_BIN_DIR "/hiveld");
-    return std::make_unique<Process>(arguments, logs.path(std::to_string(++runs)));
+  std::unique_ptr<Process> start(const std::string& arguments) {
+    return std::make_unique<Process>("exec '" HOUSE_BIN_DIR "/hiveld' " + arguments,
+                                     logs.path(std::to_string(++runs)));
   }
   void startServing() {
-    daemon = start({"--socket", socket, "--types", HIVEL_TEST_TYPES});
+    daemon = start("--socket " + socket + " --types '" HIVEL_TEST_TYPES "'");
     ASSERT_TRUE(daemon->says("listening"));
   }
   static bool reaches(Client& client, Client::State state) {
@@ -56,7 +53,7 @@ TEST_F(DaemonProcesses, startsOnceAndLeavesNothing) {
 TEST_F(DaemonProcesses, tellsItsServiceManagerWhenItIsReady) {
   const Support::ServiceManager manager(logs.path("notify"));
   const std::string folder = dir.path("new"), made = folder + "/deep/x.sock";
-  daemon = start({"--socket", made, "--mode", "0600", "--directory-mode", "710"});
+  daemon = start("--socket " + made + " --mode 0600 --directory-mode 710");
   EXPECT_EQ(manager.told(), "READY=1\nSTATUS=listening on " + made);
   ClientOptions options = clientOptions(dir);
   options.socketPath = made;
@@ -95,7 +92,7 @@ extra                               | 2 | extra
   const auto expectSaid = [&](const std::string& command, int status,
                               const std::string& text) {
     SCOPED_TRACE(command);
-    const auto process = start(Support::wordsOf(command));
+    const auto process = start(command);
     EXPECT_EQ(process->join(), status);
     EXPECT_THAT(process->said(), testing::HasSubstr(text));
   };

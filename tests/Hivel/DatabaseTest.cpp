@@ -1,7 +1,6 @@
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "Hivel/Exception.h"
+#include "tests/Support/Testing.h"
 
 namespace HivelTest {
 namespace {

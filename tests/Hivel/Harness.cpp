@@ -1,11 +1,11 @@
 #include "Harness.h"
 
 #include <cerrno>
-#include <stdexcept>
-#include <thread>
 
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "tests/Support/Testing.h"
 
 namespace HivelTest {
 

@@ -1,19 +1,12 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
-
 #include "Hivel/Client.h"
 #include "Hivel/Protocol.h"
 #include "Hivel/Server.h"
 #include "TestTypes.h"
 #include "tests/Kop/EntityDump.h"
 #include "tests/Support/Process.h"
+#include "tests/Support/Testing.h"
 
 // Servers and clients over real sockets in a directory of their own.
 

@@ -1,10 +1,6 @@
-#include <atomic>
-#include <thread>
-
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "Hivel/Exception.h"
+#include "tests/Support/Testing.h"
 
 namespace HivelTest {
 namespace {

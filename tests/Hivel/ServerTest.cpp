@@ -1,8 +1,7 @@
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-
 #include "Harness.h"
+#include "tests/Support/Testing.h"
 
 namespace HivelTest {
 namespace {

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <map>
-#include <string>
-#include <vector>
-
 #include "Kop/Module.h"
 #include "Kop/NboAttrLogSa.h"
+#include "tests/Support/Testing.h"
 
 // What an entity and all below it hold, by path: `colour`, `mark/5`, `branch/'b'/label`. A
 // value stands there in its log form, a child as its identity. Copies are compared by this and

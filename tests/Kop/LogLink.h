@@ -1,11 +1,7 @@
 #pragma once
 
-#include <algorithm>
-#include <memory>
-#include <span>
-#include <vector>
-
 #include "Kop/NboAttrLogSa.h"
+#include "tests/Support/Testing.h"
 
 // Two ends of a connection, and the bytes under way between them.
 

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "Quarn/Serializer.h"
+#include "tests/Support/Testing.h"
 
 using Quarn::Serializer;
 

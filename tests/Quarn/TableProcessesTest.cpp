@@ -1,13 +1,3 @@
-#include <algorithm>
-#include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <functional>
-#include <map>
-#include <memory>
-#include <random>
-#include <thread>
-
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -19,6 +9,7 @@
 
 #include "Quarn/TableLayout.h"
 #include "TableRecord.h"
+#include "tests/Support/Testing.h"
 
 using Quarn::TableException;
 

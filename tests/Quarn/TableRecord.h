@@ -1,13 +1,10 @@
 #pragma once
 
-#include <string>
-
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "Quarn/Serializer.h"
 #include "Quarn/Table.h"
+#include "tests/Support/Testing.h"
 
 // Records that know whether they are whole: a key, a version, a size and so many bytes that
 // follow from key and version.

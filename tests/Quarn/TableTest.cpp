@@ -1,8 +1,3 @@
-#include <filesystem>
-#include <map>
-#include <memory>
-#include <random>
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -10,10 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-
 #include "Quarn/TableLayout.h"
 #include "TableRecord.h"
+#include "tests/Support/Testing.h"
 
 using Quarn::RowState;
 using Quarn::TableException;

@@ -1,14 +1,11 @@
 #pragma once
 
 #include <csignal>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include <sys/types.h>
 #include <sys/un.h>
 
-#include <gtest/gtest.h>
+#include "tests/Support/Testing.h"
 
 // Commands in processes of their own, and what they leave in files and say through sockets.
 
@@ -36,10 +33,11 @@ class TempDir {
   std::string path_;
 };
 
-// A running command with its output in files. Killed when it goes out of scope.
+// A running line of the shell with its output in files. Killed when it goes out of scope: so is
+// a command behind `exec`.
 class Process {
  public:
-  Process(const std::vector<std::string>& command, const std::string& output);
+  Process(const std::string& line, const std::string& output);
   ~Process() {
     if (pid_ > 0) end(SIGKILL);
   }

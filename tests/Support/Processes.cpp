@@ -1,15 +1,10 @@
 #include "tests/Support/Processes.h"
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-
-#include <gmock/gmock.h>
-
 #include "Quarn/Table.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "apps/agent/Places.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace Support {
 
@@ -24,29 +19,19 @@ WithDatabase::~WithDatabase() {
           socket_, Agent::tablePath(std::string(Agent::tableNameOf(type)))));
 }
 
-std::unique_ptr<Process> WithDatabase::startDaemonAt(
-    const std::string& socket, const std::vector<std::string>& types) {
-  std::vector<std::string> arguments = {"--socket", socket};
-  for (const std::string& library : types)
-    arguments.insert(arguments.end(), {"--types", HOUSE_LIB_DIR "/" + library});
-  auto daemon = startCommand("hiveld", arguments);
+std::unique_ptr<Process> WithDatabase::startDaemonAt(const std::string& socket,
+                                                     const std::string& types) {
+  auto daemon = start("hiveld --socket " + socket + " " + types);
   EXPECT_TRUE(daemon->says("listening"));
   return daemon;
-}
-
-std::unique_ptr<Process> WithDatabase::startCommand(
-    const std::string& name, const std::vector<std::string>& arguments) {
-  std::vector<std::string> command = {name[0] == '/' ? name : HOUSE_BIN_DIR "/" + name};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(command,
-                                   directory_ + "/run" + std::to_string(++runs_));
 }
 
 std::unique_ptr<Process> WithDatabase::shell(const std::string& line) {
   ::setenv("HIVEL_SOCKET", socket_.c_str(), 1);
   ::setenv("EXAMPLES", HOUSE_SOURCE_DIR "/examples", 1);
-  return startCommand("/bin/sh", {"-c", "PATH='" HOUSE_BIN_DIR "':$PATH; cd " +
-                                            directory_ + "; " + line});
+  return std::make_unique<Process>(
+      "PATH='" HOUSE_BIN_DIR "':$PATH; cd " + directory_ + "; " + line,
+      directory_ + "/run" + std::to_string(++runs_));
 }
 
 namespace {

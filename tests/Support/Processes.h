@@ -1,11 +1,8 @@
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Hivel/Client.h"
 #include "tests/Support/Process.h"
+#include "tests/Support/Testing.h"
 
 // Commands and the state database, each in a process of its own, over a real socket.
 
@@ -19,13 +16,10 @@ class WithDatabase : public testing::Test {
   void SetUp() override { startDaemon(); }
   void startDaemon() { daemon_ = startDaemonAt(socket_); }
   std::unique_ptr<Process> startDaemonAt(const std::string& socket,
-                                         const std::vector<std::string>& types = {
-                                             "libTunnelHivelTypes.so.0",
-                                             "libLinuxTunnel.so.0"});
+                                         const std::string& types =
+                                             "--types libTunnelHivelTypes.so.0 "
+                                             "--types libLinuxTunnel.so.0");
   void killDaemon() { daemon_.reset(); }  // as in a crash: nothing is kept
-  // A command of ours, or one with its folder.
-  std::unique_ptr<Process> startCommand(const std::string& name,
-                                        const std::vector<std::string>& arguments);
   // A command as a shell has it, in directory_: ours are in its path, the database is at
   // $HIVEL_SOCKET, the examples in $EXAMPLES.
   std::unique_ptr<Process> start(const std::string& line) {

@@ -1,8 +1,6 @@
 #include "tests/Support/PublishedPaths.h"
 
-#include <chrono>
-
-#include <gtest/gtest.h>
+#include "tests/Support/Testing.h"
 
 namespace Support {
 

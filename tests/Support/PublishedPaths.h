@@ -1,13 +1,8 @@
 #pragma once
 
-#include <functional>
-#include <map>
-#include <set>
-#include <string>
-#include <utility>
-
 #include "apps/agent/Directory.h"
 #include "apps/agent/Path.h"
+#include "tests/Support/Testing.h"
 
 // The tunnels of an agent as another process sees them, put together again to paths.
 

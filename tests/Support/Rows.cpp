@@ -1,10 +1,9 @@
 #include "tests/Support/Rows.h"
 
 #include <regex>
-#include <sstream>
-#include <stdexcept>
 
 #include "tests/Support/Process.h"
+#include "tests/Support/Testing.h"
 
 namespace Support {
 

@@ -1,8 +1,5 @@
 #pragma once
-
-#include <string>
-#include <string_view>
-#include <vector>
+#include "tests/Support/Testing.h"
 
 // Tables of cases that are texts: one line a case, columns between bars.
 

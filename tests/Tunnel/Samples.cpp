@@ -1,13 +1,9 @@
 #include "tests/Tunnel/Samples.h"
 
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <stdexcept>
-
 #include "Kop/Module.h"
 #include "Kop/NboAttrLogSa.h"
 #include "Tunnel/TunnelBasicTypes.h"
+#include "tests/Support/Testing.h"
 
 namespace Samples {
 

@@ -1,13 +1,9 @@
 #pragma once
 
-#include <map>
-#include <random>
-#include <string_view>
-#include <vector>
-
 #include "Kop/GenericIf.h"
 #include "Kop/Module.h"
 #include "Kop/Value.h"
+#include "tests/Support/Testing.h"
 
 // Random values of any type, made by reflection. Half of all that have no attributes come from a
 // handful, so that equal values and values that differ in one attribute only are as frequent as

@@ -1,12 +1,9 @@
 #pragma once
 
-#include <random>
-#include <set>
-#include <string>
-
 #include "apps/agent/Publisher.h"
 #include "tests/Support/Processes.h"
 #include "tests/Support/PublishedPaths.h"
+#include "tests/Support/Testing.h"
 
 // Agents in this process beside a state database, and what readers see of them.
 

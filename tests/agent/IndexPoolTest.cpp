@@ -1,10 +1,5 @@
-#include <algorithm>
-#include <random>
-#include <set>
-
-#include <gtest/gtest.h>
-
 #include "apps/agent/IndexPool.h"
+#include "tests/Support/Testing.h"
 
 namespace {
 

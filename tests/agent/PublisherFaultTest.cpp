@@ -1,14 +1,11 @@
 #include <csignal>
-#include <cstdlib>
-#include <optional>
 
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "Hivel/Exception.h"
+#include "tests/Support/Testing.h"
 
 // What agents do when something else fails, or holds what they need.
 
@@ -221,9 +218,9 @@ TEST_F(PublisherFault, isTakenOverAfterAKill) {
     SCOPED_TRACE(round);
     auto left = indicesFound();
     ::setenv("AGENT_SEED", std::to_string(random()).c_str(), 1);
-    const auto child = startCommand(
-        "/proc/self/exe",
-        {"--gtest_also_run_disabled_tests", "--gtest_filter=*publishesUntilItIsKilled"});
+    const auto child = start("/proc/" + std::to_string(::getpid()) +
+                             "/exe --gtest_also_run_disabled_tests "
+                             "--gtest_filter='*publishesUntilItIsKilled'");
     EXPECT_TRUE(Support::eventually([&] { return indicesFound() != left; }));
     ::usleep(static_cast<useconds_t>(random() % 20'000));
     child->end(SIGKILL);

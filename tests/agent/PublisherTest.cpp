@@ -1,11 +1,7 @@
-#include <algorithm>
-#include <optional>
-
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "Hivel/Exception.h"
 #include "Kop/Exception.h"
+#include "tests/Support/Testing.h"
 
 namespace AgentTest {
 namespace {

@@ -1,7 +1,6 @@
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 
 namespace FpmTest {
 namespace {

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <map>
-#include <string>
-#include <vector>
-
 #include "apps/fpmagent/Session.h"
 #include "tests/Support/PublishedPaths.h"
+#include "tests/Support/Testing.h"
 
 // Streams made by hand and recorded ones, a sink that only remembers, and a daemon's end of a
 // connection.

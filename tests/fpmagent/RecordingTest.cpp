@@ -1,8 +1,7 @@
-#include <gmock/gmock.h>
-
 #include "Harness.h"
 #include "apps/tunnelctl/Json.h"
 #include "tests/Support/Processes.h"
+#include "tests/Support/Testing.h"
 
 // The streams that real daemons sent, against what an independent decoder says is left.
 

@@ -1,12 +1,5 @@
 #pragma once
 
-#include <cstring>
-#include <functional>
-#include <span>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include <linux/if_link.h>
 #include <linux/if_tunnel.h>
 #include <linux/rtnetlink.h>
@@ -16,6 +9,7 @@
 
 #include "Kop/Types.h"
 #include "tests/Support/Process.h"
+#include "tests/Support/Testing.h"
 
 // Messages of the kernel: recorded ones (see ORIGIN), and such as no kernel would send.
 

@@ -79,7 +79,7 @@ TEST_F(ImportLinux, makesTablesEqualOnce) {
                   "link add x2 type vxlan id 6 dstport 4789\n"),
             "");
   killDaemon();
-  daemon_ = startDaemonAt(socket_, {"libTunnelHivelTypes.so.0"});
+  daemon_ = startDaemonAt(socket_, "--types libTunnelHivelTypes.so.0");
   EXPECT_THAT(ctl("import-linux").out,
               testing::AllOf(HasSubstr("not imported: the server has no type"),
                              HasSubstr(" 0 imported: nothing changed")));

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "tests/Support/Processes.h"
+#include "tests/Support/Testing.h"
 
 // The command against the daemon, each in a process of its own, over a real socket.
 

@@ -1,7 +1,6 @@
-#include <gmock/gmock.h>
-
 #include "Tunnel/TunnelTableHivelTypes.h"
 #include "apps/tunnelctl/Record.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {

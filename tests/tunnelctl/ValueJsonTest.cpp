@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-
 #include "apps/tunnelctl/Output.h"
 #include "apps/tunnelctl/ValueJson.h"
 #include "apps/tunnelctl/Verbs.h"
 #include "tests/Support/Rows.h"
+#include "tests/Support/Testing.h"
 #include "tests/tunnelctl/RandomValues.h"
 
 namespace Tunnelctl {
