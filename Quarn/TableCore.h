@@ -48,9 +48,9 @@ struct TableReport {
   std::vector<std::string> faults;  // the first hundred
   U64 faultCount = 0;
   U64 rows = 0;  // sound rows seen
-  bool settled =
-      true;  // false: the writer was at a change all the while, so that counts
-             // were not compared; rows were checked all the same
+  // False: the writer was at a change all the while, so that counts were not compared; rows
+  // were checked all the same.
+  bool settled = true;
   bool ok() const { return faultCount == 0; }
 };
 

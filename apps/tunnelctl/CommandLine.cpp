@@ -179,7 +179,8 @@ class Command {
   void addTypes() {
     auto* const types = app_.add_subcommand("types", "Modules, types and their members");
     types->add_option("NAME", a_.type, "a module or a type");
-    types->add_flag("--all", a_.allTypes, "modules whole, a line for each type and member");
+    types->add_flag("--all", a_.allTypes,
+                    "modules whole, a line for each type and member");
     does(types, [this](const Context& context) {
       return Tunnelctl::types(context, a_.type, a_.allTypes);
     });

@@ -1,7 +1,7 @@
 #include <ostream>
 
-#include "Kop/NboAttrLogSa.h"
 #include "Kop/Exception.h"
+#include "Kop/NboAttrLogSa.h"
 #include "apps/tunnelctl/ValueJson.h"
 #include "apps/tunnelctl/Verbs.h"
 

@@ -157,20 +157,15 @@ template <class R>
 void expectStandsInATable() {
   const std::string name = "/tunnel-records-test-" + std::to_string(::getpid());
   Random random(Samples::seed);
-  std::map<U64, R> told;
-  {
-    Quarn::TableWriter<R> writer(name);
-    for (int step = 0; step < 500; ++step) {
-      const R value = Samples::sample<R>(random);
-      const U64 key = random() % 100;
-      writer.rowIs(key, value);
-      told.insert_or_assign(key, value);
-    }
-  }
+  Quarn::TableWriter<R> writer(name);
   const Quarn::TableReader<R> reader(name);
-  EXPECT_EQ(reader.rowCount(), told.size());
-  EXPECT_TRUE(reader.verify().ok());
-  reader.forEachRow([&](U64 key, const R& value) { EXPECT_TRUE(told.at(key) == value); });
+  for (int step = 0; step < 500; ++step) {
+    const R value = Samples::sample<R>(random);
+    R read;
+    writer.rowIs(random() % 100, R());
+    writer.rowIs(7, value);
+    EXPECT_TRUE(reader.row(7, read) == Quarn::RowState::found && read == value);
+  }
   Quarn::TableWriter<R>::remove(name);
 }
 TEST(TableRecords, standInATable) {

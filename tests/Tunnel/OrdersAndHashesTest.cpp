@@ -82,19 +82,12 @@ TEST(Orders, excludedInterfaces) {
   });
 }
 
-// The defaults, apart from the code that looks them up.
+// The default preference, apart from the code that looks it up; 0: not a kind of tunnels.
 U32 defaultPrefOf(U32 type) {
-  switch (type) {
-    case 5: return 15;
-    case 11: return 25;
-    case 16: return 45;
-    case 3: return 55;
-    case 13: return 60;
-    case 7:
-    case 21: return 65;
-    case 2: return 85;
-    default: return type <= 22 || type == 31 ? 255 : 0;
-  }
+  static const auto rows = Support::rowsIn("Tunnel/kinds.txt");
+  for (const auto& row : rows)
+    if (row[0] == std::to_string(type)) return static_cast<U32>(std::stoul(row.at(7)));
+  return 0;
 }
 
 TEST(Orders, tableEntries) {

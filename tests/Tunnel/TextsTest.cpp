@@ -30,8 +30,6 @@ TEST(Texts, forPeople) {
   EXPECT_EQ(vlan.stringValue(), " Intf: Vlan1 address-family: ipv6");
   EXPECT_EQ(Decap::DecapIntf(vlan, Decap::all, true).stringValue(),
             " Intf: Vlan1 address-family: ipv6 address-type: all oldConfig: 1");
-  EXPECT_EQ(Decap::DecapIntf().stringValue(),
-            " Intf:  address-family: noAddressFamily address-type: primary oldConfig: 0");
   EXPECT_EQ(VxlanTunnelInfo(IpGenAddr("10.0.0.1"), IntfId("Vxlan1")).toStrep(),
             "10.0.0.1,Vxlan1");
   EXPECT_EQ(ColoredTunnelEndpoint(net, 100, true).stringValue(), "10.0.0.0/8|100");

@@ -2,6 +2,7 @@
 #include "Tunnel/DecapGroupHivelTypes.h"
 #include "Tunnel/TunnelBasicTypes.h"
 #include "Tunnel/TunnelTableHivelTypes.h"
+#include "Vantor/GreKeyType.h"
 #include "tests/Support/Testing.h"
 
 // What only typed callers use: the laws over all types go by reflection.
@@ -23,7 +24,9 @@ using AllEnumerations = testing::Types<GreHdrFlagsType,
                                        Decap::TunnelType,
                                        Decap::PayloadType,
                                        Decap::TunnelDecapIpSrc,
-                                       Decap::AddressType>;
+                                       Decap::AddressType,
+                                       Vantor::AddressFamily,
+                                       Vantor::GreKeyType>;
 TYPED_TEST_SUITE(Enumerations, AllEnumerations);
 
 // Catches an enumeration that reads or writes another one's names, or numbers of its width.

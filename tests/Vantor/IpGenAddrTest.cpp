@@ -6,21 +6,10 @@
 
 using namespace Vantor;
 
-// Catches a spelling that is written in another way than all other programs write it;
-// agreesWithTheSystem meets all the others.
+// Catches a spelling that agreesWithTheSystem does not meet.
 TEST(IpGenAddrText, spellings) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"",                        ""                 },
-      {"2001:DB8::A",             "2001:db8::a"      },
-      {"2001:db8:0:0:1:0:0:1",    "2001:db8::1:0:0:1"}, // the first of equal ones
-      {"0:0:0:0:0:FFFF:10.0.0.1", "::ffff:10.0.0.1"  },
-      {"::1.2.3.4",               "::102:304"        },
-  };
-  for (const auto& [text, written] : rows) {
-    const IpGenAddr addr{Kop::String(text)};
-    EXPECT_EQ(addr.stringValue(), written);
-    EXPECT_EQ(valueToStrep(addr), Kop::String("'" + std::string(written) + "'"));
-  }
+  EXPECT_EQ(valueToStrep(IpGenAddr("")), "''");
+  EXPECT_EQ(valueToStrep(IpGenAddr("::1.2.3.4")), "'::102:304'");
 }
 
 enum Refusal { malformed, range };

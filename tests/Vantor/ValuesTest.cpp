@@ -1,7 +1,5 @@
-#include "Kop/Module.h"
 #include "Vantor/DynamicMplsLabelStack.h"
 #include "Vantor/EthAddr.h"
-#include "Vantor/GreKeyType.h"
 #include "Vantor/IntfId.h"
 #include "Vantor/IpDscp.h"
 #include "Vantor/IpGenPrefix.h"
@@ -9,16 +7,6 @@
 #include "tests/Support/Testing.h"
 
 using namespace Vantor;
-
-// Catches enumerators that are renamed or renumbered, and a module that does not register.
-TEST(VantorModule, enumerationsAreFoundByName) {
-  for (const char* name : {"noAddressFamily", "ipv4", "ipv6"})
-    EXPECT_EQ(valueToStrep(AddressFamilyInstance(name)), name);
-  EXPECT_EQ(AddressFamilyInstance("ipv6"), 2);
-  EXPECT_THROW(AddressFamilyInstance(3), Kop::RangeException);
-  EXPECT_EQ(MplsOperationInstance("pop"), 3u);
-  EXPECT_EQ(GreKeyTypeInstance(1), GreKeyTypeInstance("configuredGreKey"));
-}
 
 // Catches an Ethernet address that is read with a digit or a byte too few or too many.
 TEST(EthAddrText, onlySixPairsOfHexDigits) {

@@ -66,27 +66,5 @@ TEST(Mapping, namesWhatItCannotRead) {
   }
 }
 
-// Catches a read past the end (under the address sanitizer), and a cut message that is taken
-// for a whole one.
-TEST(Mapping, findsEveryCut) {
-  const Bytes recording = Support::bytesIn("tests/linuximport/links.nl");
-  forEachMessage(recording, [&](const nlmsghdr* header) {
-    const auto payload = payloadOf(header);
-    const Link link = readLink(payload);
-    if (header->nlmsg_type != RTM_NEWLINK || link.name != "g1") return;
-    std::size_t malformed = 0;
-    for (std::size_t size = 0; size < payload.size(); ++size) {
-      const Mapped mapped = map(
-          readLink(Bytes(payload.begin(), payload.begin() + static_cast<long>(size))));
-      // Cut before the attributes of tunnels, or behind them, in padding or between others.
-      EXPECT_TRUE(!mapped.isTunnel() || mapped == map(link) ||
-                  mapped.reason.starts_with("malformed"))
-          << size;
-      malformed += mapped.reason.starts_with("malformed");
-    }
-    EXPECT_GT(malformed, payload.size() / 2);
-  });
-}
-
 }  // namespace
 }  // namespace LinuxImport
