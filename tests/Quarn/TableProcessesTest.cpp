@@ -249,6 +249,7 @@ TEST(TableProcesses, stoppedWriterAtEachInstruction) {
     change(journal, mine, 5, false, true);    // another row
     change(journal, mine, 500, false, true);  // a new one
     change(journal, mine, 500, true, true);
+    if (HOUSE_SANITIZED) return;  // which is a minute of instructions
     change(journal, mine, 7, true, true);
     change(journal, mine, 7, false, true);
     journal.version = 17 * 1000 - 1;  // a size that there was not: the object grows

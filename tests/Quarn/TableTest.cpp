@@ -45,7 +45,7 @@ TEST(Table, randomOperationsAgreeWithMap) {
   U64 since = 0, version = 0, changes = 0, refused = 0;
   ::signal(SIGXFSZ, SIG_IGN);
   const rlimit narrow{4096, RLIM_INFINITY}, wide{RLIM_INFINITY, RLIM_INFINITY};
-  for (int step = 0; step < 60000; ++step) {
+  for (int step = 0; step < 60000; step += Support::stride) {
     // In the end all keys are new, and shared memory does not grow.
     const bool isFull = step >= 50000;
     const U64 range = isFull ? ~U64{0} : step / 10000 % 2 ? 100000 : 300;

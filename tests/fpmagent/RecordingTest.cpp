@@ -76,7 +76,7 @@ TEST(FpmRecording, labelledRoutesAreTunnelsOfTheirProtocol) {
 TEST(FpmRecording, mayArriveInAnyPieces) {
   const Bytes bytes = recording(recordings[0]);
   const auto whole = linesOf(bytes);
-  for (std::size_t cut = 1; cut < bytes.size(); ++cut) {
+  for (std::size_t cut = 1; cut < bytes.size(); cut += Support::stride) {
     Memory sink;
     Stream stream(sink);
     stream.feed(head(bytes, cut));
