@@ -13,6 +13,9 @@ TEST(U3, neverHoldsMoreThanThreeBits) {
   Kop::NboAttrLog::In in(&raw, 1);
   EXPECT_EQ(U8{U3(in)}, 5);
   EXPECT_EQ(U8{U3::cut(raw)}, 5);
+  Kop::Hash hash(1);
+  hashMix(hash, U3(5));
+  EXPECT_EQ(hash.result(), Kop::hashSingleAttr(U8{5}, 1));
 }
 
 struct Index {
